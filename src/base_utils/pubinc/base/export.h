@@ -1,0 +1,8 @@
+// Symbol visibility of the library's interface. The library is built with hidden visibility;
+// everything callers may use is marked VELMORA_BASE_EXPORT.
+#ifndef VELMORA_BASE_EXPORT_H
+#define VELMORA_BASE_EXPORT_H
+
+#define VELMORA_BASE_EXPORT __attribute__((visibility("default")))
+
+#endif  // VELMORA_BASE_EXPORT_H

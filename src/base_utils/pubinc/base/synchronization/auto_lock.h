@@ -1,0 +1,141 @@
+// Checked POSIX mutex and condition-variable wrappers and the scoped lock AutoLock.
+//
+// Every failing POSIX call becomes a std::runtime_error whose text is a fixed prefix followed by
+// strerror(errno). AutoLock catches such an error from lock or unlock, logs it at level 1000 and
+// carries on as if the lock had been taken, so a guarded scope is never left by that exception.
+// ConditionVariable errors are thrown to the caller. AutoLock works on Mutex and std::mutex:
+//
+//   velmora::base::Mutex mutex;
+//   {
+//     velmora::base::AutoLock<velmora::base::Mutex> lock(mutex);
+//     ...
+//   }
+//
+// None of the locks is recursive.
+#ifndef VELMORA_BASE_SYNCHRONIZATION_AUTO_LOCK_H
+#define VELMORA_BASE_SYNCHRONIZATION_AUTO_LOCK_H
+
+#include <errno.h>
+#include <pthread.h>
+
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "base/logging.h"
+
+namespace velmora {
+namespace base {
+
+class UniqueLock;
+
+namespace internal {
+
+// Builds the text of a primitive's failure: the prefix, then strerror of the current errno.
+inline std::string primitiveErrorText(const char* prefix) {
+  std::ostringstream text;
+  text << prefix << strerror(errno);
+  return text.str();
+}
+
+}  // namespace internal
+
+// A default (non-recursive, non-checking) POSIX mutex.
+class Mutex {
+ public:
+  // Throws std::runtime_error("Mutex init error: ...") when the mutex cannot be initialised.
+  Mutex() {
+    if (pthread_mutex_init(&mutex_, nullptr) != 0) {
+      throw std::runtime_error(internal::primitiveErrorText("Mutex init error: "));
+    }
+  }
+  ~Mutex() { pthread_mutex_destroy(&mutex_); }
+
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+  // Throws std::runtime_error("Mutex lock error: ...") on failure.
+  void lock() {
+    if (pthread_mutex_lock(&mutex_) != 0) {
+      throw std::runtime_error(internal::primitiveErrorText("Mutex lock error: "));
+    }
+  }
+
+  // Throws std::runtime_error("Mutex unlock error: ...") on failure.
+  void unlock() {
+    if (pthread_mutex_unlock(&mutex_) != 0) {
+      throw std::runtime_error(internal::primitiveErrorText("Mutex unlock error: "));
+    }
+  }
+
+  pthread_mutex_t* native() { return &mutex_; }
+
+ private:
+  pthread_mutex_t mutex_;
+};
+
+// A POSIX condition variable with default attributes; waits are untimed. Callers loop on their
+// own predicate around wait().
+class ConditionVariable {
+ public:
+  // Throws std::runtime_error("ConditionVariable init error: ...") on failure.
+  ConditionVariable() {
+    if (pthread_cond_init(&cond_, nullptr) != 0) {
+      throw std::runtime_error(internal::primitiveErrorText("ConditionVariable init error: "));
+    }
+  }
+  ~ConditionVariable() { pthread_cond_destroy(&cond_); }
+
+  ConditionVariable(const ConditionVariable&) = delete;
+  ConditionVariable& operator=(const ConditionVariable&) = delete;
+
+  // Throws std::runtime_error("ConditionVariable notify_one error: ...") on failure.
+  void notify_one() {
+    if (pthread_cond_signal(&cond_) != 0) {
+      throw std::runtime_error(
+          internal::primitiveErrorText("ConditionVariable notify_one error: "));
+    }
+  }
+
+  // Waits on the lock's mutex (defined in unique_lock.h). Throws "ConditionVariable wait error: "
+  // for a lock without a mutex and "ConditionVariable cond_wait error: " when the wait fails.
+  void wait(UniqueLock& lock);
+
+ private:
+  pthread_cond_t cond_;
+};
+
+// Locks M for one scope; lock and unlock failures are logged at level 1000 and swallowed.
+template <typename M>
+class AutoLock {
+ public:
+  explicit AutoLock(M& mutex) : mutex_(mutex) {
+    try {
+      mutex_.lock();
+    } catch (const std::runtime_error& error) {
+      VELMORA_LOG_FULL("B-LOG", kLogError, 31, "AutoLock", "An runtime_error has been caught:%s.\n",
+                       error.what());
+    }
+  }
+
+  ~AutoLock() {
+    try {
+      mutex_.unlock();
+    } catch (const std::runtime_error& error) {
+      VELMORA_LOG_FULL("B-LOG", kLogError, 44, "~AutoLock",
+                       "An runtime_error has been caught:%s.\n", error.what());
+    }
+  }
+
+  AutoLock(const AutoLock&) = delete;
+  AutoLock& operator=(const AutoLock&) = delete;
+
+ private:
+  M& mutex_;
+};
+
+}  // namespace base
+}  // namespace velmora
+
+#endif  // VELMORA_BASE_SYNCHRONIZATION_AUTO_LOCK_H

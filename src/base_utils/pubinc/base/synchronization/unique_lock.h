@@ -1,0 +1,67 @@
+// UniqueLock: a scoped lock on a Mutex that a ConditionVariable can wait on.
+//
+//   velmora::base::UniqueLock lock(&mutex);
+//   while (!ready) condition.wait(lock);
+//
+// Lock and unlock failures, and a null mutex, are logged at level 1000 and swallowed; the
+// scope runs on as if the lock had been taken.
+#ifndef VELMORA_BASE_SYNCHRONIZATION_UNIQUE_LOCK_H
+#define VELMORA_BASE_SYNCHRONIZATION_UNIQUE_LOCK_H
+
+#include "base/synchronization/auto_lock.h"
+
+namespace velmora {
+namespace base {
+
+class UniqueLock {
+ public:
+  explicit UniqueLock(Mutex* mutex) : mutex_(mutex) {
+    try {
+      if (mutex_ == nullptr) {
+        throw std::runtime_error(internal::primitiveErrorText("UniqueLock lock error: "));
+      }
+      mutex_->lock();
+    } catch (const std::runtime_error& error) {
+      VELMORA_LOG_FULL("B-LOG", kLogError, 33, "UniqueLock",
+                       "An runtime_error has been caught:%s.\n", error.what());
+    }
+  }
+
+  ~UniqueLock() {
+    try {
+      unlockMutex();
+    } catch (const std::runtime_error& error) {
+      VELMORA_LOG_FULL("B-LOG", kLogError, 47, "~UniqueLock",
+                       "An runtime_error has been caught:%s.\n", error.what());
+    }
+  }
+
+  UniqueLock(const UniqueLock&) = delete;
+  UniqueLock& operator=(const UniqueLock&) = delete;
+
+  // The locked mutex; null only when the lock was built on a null mutex.
+  Mutex* mutex() const { return mutex_; }
+
+ private:
+  void unlockMutex() {
+    if (mutex_ != nullptr) {
+      mutex_->unlock();
+    }
+  }
+
+  Mutex* mutex_;
+};
+
+inline void ConditionVariable::wait(UniqueLock& lock) {
+  if (lock.mutex() == nullptr) {
+    throw std::runtime_error(internal::primitiveErrorText("ConditionVariable wait error: "));
+  }
+  if (pthread_cond_wait(&cond_, lock.mutex()->native()) != 0) {
+    throw std::runtime_error(internal::primitiveErrorText("ConditionVariable cond_wait error: "));
+  }
+}
+
+}  // namespace base
+}  // namespace velmora
+
+#endif  // VELMORA_BASE_SYNCHRONIZATION_UNIQUE_LOCK_H

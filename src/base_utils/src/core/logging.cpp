@@ -1,0 +1,141 @@
+// The log entry points, the boot identifier and the function tracer.
+#include "base/logging.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+
+namespace velmora {
+namespace base {
+
+const uint16_t kLogLevelTable[5] = {kLogCritical, kLogError, kLogWarning, kLogInfo, kLogVerbose};
+
+namespace {
+
+constexpr unsigned int kBootIdOnClockFailure = 4660;
+constexpr int kDumpBytesPerLine = 16;
+constexpr size_t kDumpLineBufferSize = 52;
+
+// Levels above this are never emitted; an index outside the table counts as one of them.
+constexpr unsigned int kHighestEmittedLevel = kLogVerbose;
+
+unsigned int levelForIndex(unsigned int level_index) {
+  constexpr unsigned int kTableSize = sizeof(kLogLevelTable) / sizeof(kLogLevelTable[0]);
+  return level_index < kTableSize ? kLogLevelTable[level_index] : kHighestEmittedLevel + 1;
+}
+
+bool platformWants(const LogFrame& frame) {
+  LogFrame copy = frame;
+  return vexDebugCheckLevelGetFrameAndChunk(&copy) != 0;
+}
+
+void printLogLine(unsigned int level_index, const char* tag, const char* file, int line,
+                  const char* function, const char* format, va_list args) {
+  tag = tag ? tag : "";
+  file = file ? file : "";
+  function = function ? function : "";
+  if (format == nullptr) {
+    return;
+  }
+  const unsigned int level = levelForIndex(level_index);
+  const char* base_name = blog_base_name(file);
+  if (level > kHighestEmittedLevel) {
+    return;
+  }
+  const LogFrame frame = {static_cast<uint16_t>(level), kLogModule, 0, 0};
+  if (platformWants(frame)) {
+    vexDebugOutput0("[%s]%s:%d:%s:", tag, base_name, line, function);
+  }
+  if (platformWants(frame)) {
+    vexDebugOutputV(format, args);
+  }
+  if (platformWants(frame)) {
+    vexDebugOutput0("\n");
+  }
+}
+
+}  // namespace
+
+unsigned int bootID() {
+  static std::atomic<unsigned int> boot_id{0};
+  unsigned int value = boot_id.load(std::memory_order_relaxed);
+  if (value != 0) {
+    return value;
+  }
+  struct timespec now;
+  if (clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
+    value = static_cast<unsigned int>(now.tv_nsec);
+  } else {
+    value = kBootIdOnClockFailure;
+  }
+  boot_id.store(value, std::memory_order_relaxed);
+  return value;
+}
+
+FunctionTracer::FunctionTracer(const char* function, const char* file, int line)
+    : function_(function), file_(file), line_(line) {
+  if (internal::logWanted(kLogVerbose)) {
+    vexDebugOutput0("TRACE -> [%s(IN)] :%s:%d \n", function_, file_, line_);
+  }
+}
+
+FunctionTracer::~FunctionTracer() {
+  if (internal::logWanted(kLogVerbose)) {
+    vexDebugOutput0("TRACE <- [%s(OUT)] :%s:%d \n", function_, file_, line_);
+  }
+}
+
+}  // namespace base
+}  // namespace velmora
+
+using velmora::base::printLogLine;
+
+const char* blog_base_name(const char* path) {
+  const char* last_slash = strrchr(path, '/');
+  return last_slash ? last_slash + 1 : path;
+}
+
+void print_browser_log(unsigned int level_index, const char* tag, const char* file, int line,
+                       const char* function, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  printLogLine(level_index, tag, file, line, function, format, args);
+  va_end(args);
+}
+
+void print_hbbtv_controller_log(unsigned int level_index, const char* tag, const char* file,
+                                int line, const char* function, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  printLogLine(level_index, tag, file, line, function, format, args);
+  va_end(args);
+}
+
+void dump_memory(const char* title, const unsigned char* data, int length) {
+  constexpr unsigned int kDumpLevelIndex = 4;
+  struct timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const unsigned int id = static_cast<unsigned int>(now.tv_nsec);
+  print_browser_log(kDumpLevelIndex, nullptr, nullptr, 0, nullptr, "DUMPMEM(%08Xd):, %s", id,
+                    title);
+  for (int offset = 0; offset < length; offset += velmora::base::kDumpBytesPerLine) {
+    char buffer[velmora::base::kDumpLineBufferSize] = {};
+    const int chunk = std::min(velmora::base::kDumpBytesPerLine, length - offset);
+    for (int i = 0; i < chunk; ++i) {
+      snprintf(buffer + 3 * i, sizeof(buffer) - 3 * i, "%02X ", data[offset + i]);
+    }
+    print_browser_log(kDumpLevelIndex, nullptr, nullptr, 0, nullptr, "DUMPMEM(%08Xd):, %s", id,
+                      buffer);
+  }
+}
+
+std::string dbg_location(const char* file, int line, const char* function) {
+  std::ostringstream stream;
+  stream << file << ":" << line << ":" << function << "():";
+  return stream.str();
+}

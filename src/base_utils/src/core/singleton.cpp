@@ -1,0 +1,23 @@
+// The waiting loop of Singleton's concurrent first callers.
+#include "base/singleton.h"
+
+#include <sched.h>
+
+namespace velmora {
+namespace base {
+namespace internal {
+
+intptr_t WaitForInstance(intptr_t* instance) {
+  constexpr intptr_t kBeingCreated = 1;
+  for (;;) {
+    const intptr_t value = __atomic_load_n(instance, __ATOMIC_ACQUIRE);
+    if (value != kBeingCreated) {
+      return value;
+    }
+    sched_yield();
+  }
+}
+
+}  // namespace internal
+}  // namespace base
+}  // namespace velmora
