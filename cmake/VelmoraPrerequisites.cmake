@@ -1,23 +1,33 @@
 # Stops the configuration early, naming the Debian package that provides what is missing.
 
-function(velmora_require_header header package)
-  find_path(_velmora_found_${package} ${header})
-  if(NOT _velmora_found_${package})
+function(velmora_require_header header package result)
+  find_path(${result} ${header})
+  if(NOT ${result})
     message(FATAL_ERROR "${header} not found: install the Debian package '${package}' "
       "(apt-get install ${package}).")
   endif()
 endfunction()
 
-function(velmora_require_library name package)
-  find_library(_velmora_lib_${package} ${name})
-  if(NOT _velmora_lib_${package})
+function(velmora_require_library name package result)
+  find_library(${result} ${name})
+  if(NOT ${result})
     message(FATAL_ERROR "lib${name} not found: install the Debian package '${package}' "
       "(apt-get install ${package}).")
   endif()
 endfunction()
 
-velmora_require_header(uuid/uuid.h uuid-dev)
-velmora_require_library(uuid uuid-dev)
+if(CMAKE_CROSSCOMPILING AND VELMORA_TARGET_SYSROOT)
+  execute_process(
+    COMMAND "${PROJECT_SOURCE_DIR}/tools/armhf-sysroot.sh" "${VELMORA_TARGET_SYSROOT}"
+    RESULT_VARIABLE _velmora_sysroot_result)
+  if(NOT _velmora_sysroot_result EQUAL 0)
+    message(FATAL_ERROR "Could not unpack the target's libuuid into ${VELMORA_TARGET_SYSROOT}: "
+      "tools/armhf-sysroot.sh needs Debian's armhf packages uuid-dev:armhf and libuuid1:armhf.")
+  endif()
+endif()
+
+velmora_require_header(uuid/uuid.h uuid-dev VELMORA_UUID_INCLUDE_DIR)
+velmora_require_library(uuid uuid-dev VELMORA_UUID_LIBRARY)
 
 if(VELMORA_BUILD_TESTS AND NOT EXISTS /usr/src/googletest/CMakeLists.txt)
   message(FATAL_ERROR "GoogleTest sources not found in /usr/src/googletest: install the Debian "

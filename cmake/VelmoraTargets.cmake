@@ -5,12 +5,18 @@ target_compile_options(velmora_warnings INTERFACE -Wall -Wextra -Werror)
 
 # Links the platform's debug-output library: the device's when VELMORA_PLATFORM_DEBUG_LIBRARY
 # names one, the stand-in otherwise.
+# Installed, the library refers to the stand-in's exported target, or to the device's library by
+# its link name.
 function(velmora_link_platform_debug target scope)
   if(VELMORA_PLATFORM_DEBUG_LIBRARY)
-    target_link_libraries(${target} ${scope} "${VELMORA_PLATFORM_DEBUG_LIBRARY}")
+    target_link_libraries(${target} ${scope}
+      $<BUILD_INTERFACE:${VELMORA_PLATFORM_DEBUG_LIBRARY}> $<INSTALL_INTERFACE:vex-debug>)
     target_include_directories(${target} ${scope}
       $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/vex_debug>)
-  else()
+  elseif(VELMORA_INSTALL_PLATFORM_STANDIN)
     target_link_libraries(${target} ${scope} vex-debug)
+  else()
+    target_link_libraries(${target} ${scope} $<BUILD_INTERFACE:vex-debug>
+      $<INSTALL_INTERFACE:vex-debug>)
   endif()
 endfunction()

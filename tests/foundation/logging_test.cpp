@@ -255,13 +255,17 @@ TEST_F(LoggingTest, FunctionTracerIsSilentBelowVerbose) {
   EXPECT_EQ(LogCapture::checkCount(), 2u);
 }
 
+int g_statement_line = 0;
+
 void logFromHere(int value) {
-  VELMORA_LOG(kLogError, "value is %d\n", value);
+  // clang-format off
+  g_statement_line = __LINE__; VELMORA_LOG(kLogError, "value is %d\n", value);
+  // clang-format on
 }
 
 TEST_F(LoggingTest, InlineConventionPrefixesTagBaseNameLineAndFunction) {
-  const int line = __LINE__ - 3;
   logFromHere(5);
+  const int line = g_statement_line;
   EXPECT_TRUE(LoggedOnce(kLogError, "[B-LOG] logging_test.cpp:" + std::to_string(line) +
                                         ":logFromHere(): value is 5\n"));
   EXPECT_EQ(LogCapture::entries().size(), 1u);

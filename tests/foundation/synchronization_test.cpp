@@ -21,6 +21,9 @@ namespace {
 Fault g_mutex_init;
 Fault g_mutex_lock;
 Fault g_mutex_unlock;
+// Unlocks that only report success: they pair with an injected lock failure, so that the
+// scope's unlock of a mutex that was never taken does not reach the real call.
+Fault g_mutex_unlock_skipped;
 Fault g_cond_init;
 Fault g_cond_signal;
 Fault g_cond_wait;
@@ -42,6 +45,9 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) {
   return g_mutex_lock.shouldFail() ? failWith(EDEADLK) : VELMORA_REAL(pthread_mutex_lock)(mutex);
 }
 int pthread_mutex_unlock(pthread_mutex_t* mutex) {
+  if (g_mutex_unlock_skipped.shouldFail()) {
+    return 0;
+  }
   return g_mutex_unlock.shouldFail() ? failWith(EPERM) : VELMORA_REAL(pthread_mutex_unlock)(mutex);
 }
 int pthread_cond_init(pthread_cond_t* cond, const pthread_condattr_t* attributes) {
@@ -147,9 +153,11 @@ TEST_F(SynchronizationTest, FailingLockInAutoLockIsLoggedAndTheScopeRuns) {
   bool scope_ran = false;
   {
     AutoLock<Mutex> lock(mutex);
+    g_mutex_unlock_skipped.failNext();
     scope_ran = true;
   }
   EXPECT_TRUE(scope_ran);
+  EXPECT_EQ(g_mutex_unlock_skipped.failures(), 1);
   EXPECT_TRUE(LoggedOnce(1000, caughtLine("auto_lock.h", 31, "AutoLock",
                                           std::string("Mutex lock error: ") + strerror(EDEADLK))));
 }
@@ -168,7 +176,11 @@ TEST_F(SynchronizationTest, FailingUnlockInAutoLockIsLogged) {
 TEST_F(SynchronizationTest, FailingStdMutexLockInAutoLockIsLogged) {
   std::mutex mutex;
   g_mutex_lock.failNext();
-  { AutoLock<std::mutex> lock(mutex); }
+  {
+    AutoLock<std::mutex> lock(mutex);
+    g_mutex_unlock_skipped.failNext();
+  }
+  EXPECT_EQ(g_mutex_unlock_skipped.failures(), 1);
   const std::string what = std::system_error(EDEADLK, std::generic_category()).what();
   EXPECT_TRUE(LoggedOnce(1000, caughtLine("auto_lock.h", 31, "AutoLock", what)));
 }
@@ -176,7 +188,11 @@ TEST_F(SynchronizationTest, FailingStdMutexLockInAutoLockIsLogged) {
 TEST_F(SynchronizationTest, FailingLockInUniqueLockIsLogged) {
   Mutex mutex;
   g_mutex_lock.failNext();
-  EXPECT_NO_THROW({ UniqueLock lock(&mutex); });
+  EXPECT_NO_THROW({
+    UniqueLock lock(&mutex);
+    g_mutex_unlock_skipped.failNext();
+  });
+  EXPECT_EQ(g_mutex_unlock_skipped.failures(), 1);
   EXPECT_TRUE(LoggedOnce(1000, caughtLine("unique_lock.h", 33, "UniqueLock",
                                           std::string("Mutex lock error: ") + strerror(EDEADLK))));
 }

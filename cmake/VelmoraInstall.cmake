@@ -1,0 +1,31 @@
+# Installation: headers, the shared library with its SONAME links, optionally the stand-in
+# debug-output library, a CMake package (find_package(VelmoraBase)) and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(VELMORA_CMAKE_PACKAGE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/VelmoraBase")
+
+install(TARGETS base_utils EXPORT VelmoraBaseTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY src/base_utils/pubinc/base DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+
+if(VELMORA_INSTALL_PLATFORM_STANDIN AND NOT VELMORA_PLATFORM_DEBUG_LIBRARY)
+  install(TARGETS vex-debug EXPORT VelmoraBaseTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(FILES platform/vex_debug/vex_debug.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endif()
+
+install(EXPORT VelmoraBaseTargets NAMESPACE velmora:: DESTINATION ${VELMORA_CMAKE_PACKAGE_DIR})
+configure_package_config_file(cmake/VelmoraBaseConfig.cmake.in
+  "${CMAKE_CURRENT_BINARY_DIR}/VelmoraBaseConfig.cmake"
+  INSTALL_DESTINATION ${VELMORA_CMAKE_PACKAGE_DIR})
+write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/VelmoraBaseConfigVersion.cmake"
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VelmoraBaseConfig.cmake"
+  "${CMAKE_CURRENT_BINARY_DIR}/VelmoraBaseConfigVersion.cmake"
+  DESTINATION ${VELMORA_CMAKE_PACKAGE_DIR})
+
+configure_file(cmake/velmora-base.pc.in "${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc"
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

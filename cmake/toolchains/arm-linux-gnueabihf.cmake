@@ -1,0 +1,24 @@
+# Cross build for the device: 32-bit ARM Linux with hard-float ABI, Debian's cross compiler.
+# Tests run under qemu-arm; the target's libuuid comes from a sysroot folder in the build tree
+# that tools/armhf-sysroot.sh fills from Debian's armhf packages.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+
+set(VELMORA_CROSS_TRIPLE arm-linux-gnueabihf)
+set(CMAKE_C_COMPILER ${VELMORA_CROSS_TRIPLE}-gcc)
+set(CMAKE_CXX_COMPILER ${VELMORA_CROSS_TRIPLE}-g++)
+
+set(VELMORA_TARGET_SYSROOT "${CMAKE_BINARY_DIR}/sysroot" CACHE PATH
+  "Folder holding the target's libraries that the cross toolchain lacks")
+set(VELMORA_CROSS_RUNTIME "/usr/${VELMORA_CROSS_TRIPLE}")
+
+set(CMAKE_FIND_ROOT_PATH "${VELMORA_CROSS_RUNTIME}" "${VELMORA_TARGET_SYSROOT}")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_LIBRARY_ARCHITECTURE ${VELMORA_CROSS_TRIPLE})
+
+set(CMAKE_CROSSCOMPILING_EMULATOR
+  qemu-arm -L "${VELMORA_CROSS_RUNTIME}"
+  -E "LD_LIBRARY_PATH=${VELMORA_TARGET_SYSROOT}/usr/lib/${VELMORA_CROSS_TRIPLE}")
