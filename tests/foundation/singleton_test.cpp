@@ -131,7 +131,6 @@ void spinAfterThrowingConstructor() {
 }
 
 TEST(SingletonDeathTest, ThrowingConstructorLeavesTheMarkerAndLaterCallersSpin) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(spinAfterThrowingConstructor(), ::testing::ExitedWithCode(0), "");
 }
 

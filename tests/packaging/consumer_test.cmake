@@ -2,6 +2,7 @@
 # against it, through find_package(VelmoraBase) (MODE find_package) or pkg-config (MODE
 # pkg-config). For a cross build, the consumer is built with the same toolchain and run under
 # the emulator.
+string(REPLACE "|" ";" EMULATOR "${EMULATOR}")
 set(prefix "${WORK_DIR}/install-${MODE}")
 set(work "${WORK_DIR}/consumer-${MODE}")
 file(REMOVE_RECURSE "${prefix}" "${work}")
@@ -25,7 +26,9 @@ if(TARGET_SYSROOT)
 endif()
 
 if(MODE STREQUAL "find_package")
-  set(configure_args -S "${CONSUMER_DIR}" -B "${work}" "-DCMAKE_PREFIX_PATH=${prefix}"
+  # The package folder is named directly: a cross toolchain re-roots CMAKE_PREFIX_PATH.
+  set(configure_args -S "${CONSUMER_DIR}" -B "${work}"
+    "-DVelmoraBase_DIR=${prefix}/lib/cmake/VelmoraBase"
     "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}"
     "-DCMAKE_EXE_LINKER_FLAGS=${link_flags}")
   if(TOOLCHAIN_FILE)

@@ -19,6 +19,9 @@ namespace velmora {
 namespace base {
 namespace internal {
 
+constexpr intptr_t kSingletonNotCreated = 0;
+constexpr intptr_t kSingletonBeingCreated = 1;
+
 // Yields the processor until *instance is no longer the creation marker 1, then returns it.
 VELMORA_BASE_EXPORT intptr_t WaitForInstance(intptr_t* instance);
 
@@ -36,12 +39,12 @@ class Singleton {
   // Returns the one instance, creating it on the first call.
   static T* get() {
     intptr_t value = __atomic_load_n(&instance_, __ATOMIC_ACQUIRE);
-    if (static_cast<uintptr_t>(value) > static_cast<uintptr_t>(kBeingCreated)) {
+    if (static_cast<uintptr_t>(value) > static_cast<uintptr_t>(internal::kSingletonBeingCreated)) {
       return reinterpret_cast<T*>(value);
     }
-    intptr_t expected = kNotCreated;
-    if (__atomic_compare_exchange_n(&instance_, &expected, kBeingCreated, false, __ATOMIC_ACQ_REL,
-                                    __ATOMIC_ACQUIRE)) {
+    intptr_t expected = internal::kSingletonNotCreated;
+    if (__atomic_compare_exchange_n(&instance_, &expected, internal::kSingletonBeingCreated, false,
+                                    __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
       T* created = Traits::New();
       __atomic_store_n(&instance_, reinterpret_cast<intptr_t>(created), __ATOMIC_RELEASE);
       return created;
@@ -51,10 +54,6 @@ class Singleton {
 
   // The instance word: 0, the marker 1, or the instance's address.
   static intptr_t instance_;
-
- private:
-  static constexpr intptr_t kNotCreated = 0;
-  static constexpr intptr_t kBeingCreated = 1;
 };
 
 template <typename T, typename Traits, typename DifferentiatingType>

@@ -8,10 +8,9 @@ namespace base {
 namespace internal {
 
 intptr_t WaitForInstance(intptr_t* instance) {
-  constexpr intptr_t kBeingCreated = 1;
   for (;;) {
     const intptr_t value = __atomic_load_n(instance, __ATOMIC_ACQUIRE);
-    if (value != kBeingCreated) {
+    if (value != kSingletonBeingCreated) {
       return value;
     }
     sched_yield();
