@@ -1,17 +1,18 @@
-// Checked POSIX mutex and condition-variable wrappers and the scoped lock AutoLock.
-//
-// Every failing POSIX call becomes a std::runtime_error whose text is a fixed prefix followed by
-// strerror(errno). AutoLock catches such an error from lock or unlock, logs it at level 1000 and
-// carries on as if the lock had been taken, so a guarded scope is never left by that exception.
-// ConditionVariable errors are thrown to the caller. AutoLock works on Mutex and std::mutex:
-//
-//   velmora::base::Mutex mutex;
-//   {
-//     velmora::base::AutoLock<velmora::base::Mutex> lock(mutex);
-//     ...
-//   }
-//
-// None of the locks is recursive.
+/// @file
+/// Checked POSIX mutex and condition-variable wrappers and the scoped lock AutoLock.
+///
+/// Every failing POSIX call becomes a std::runtime_error whose text is a fixed prefix followed by
+/// strerror(errno). AutoLock catches such an error from lock or unlock, logs it at level 1000 and
+/// carries on as if the lock had been taken, so a guarded scope is never left by that exception.
+/// ConditionVariable errors are thrown to the caller. AutoLock works on Mutex and std::mutex:
+///
+///   velmora::base::Mutex mutex;
+///   {
+///     velmora::base::AutoLock<velmora::base::Mutex> lock(mutex);
+///     ...
+///   }
+///
+/// None of the locks is recursive.
 #ifndef VELMORA_BASE_SYNCHRONIZATION_AUTO_LOCK_H
 #define VELMORA_BASE_SYNCHRONIZATION_AUTO_LOCK_H
 
@@ -32,7 +33,7 @@ class UniqueLock;
 
 namespace internal {
 
-// Builds the text of a primitive's failure: the prefix, then strerror of the current errno.
+/// Builds the text of a primitive's failure: the prefix, then strerror of the current errno.
 inline std::string primitiveErrorText(const char* prefix) {
   std::ostringstream text;
   text << prefix << strerror(errno);
@@ -41,10 +42,10 @@ inline std::string primitiveErrorText(const char* prefix) {
 
 }  // namespace internal
 
-// A default (non-recursive, non-checking) POSIX mutex.
+/// A default (non-recursive, non-checking) POSIX mutex. Not copyable.
 class Mutex {
  public:
-  // Throws std::runtime_error("Mutex init error: ...") when the mutex cannot be initialised.
+  /// Throws std::runtime_error("Mutex init error: ...") when the mutex cannot be initialised.
   Mutex() {
     if (pthread_mutex_init(&mutex_, nullptr) != 0) {
       throw std::runtime_error(internal::primitiveErrorText("Mutex init error: "));
@@ -55,31 +56,32 @@ class Mutex {
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  // Throws std::runtime_error("Mutex lock error: ...") on failure.
+  /// Throws std::runtime_error("Mutex lock error: ...") on failure.
   void lock() {
     if (pthread_mutex_lock(&mutex_) != 0) {
       throw std::runtime_error(internal::primitiveErrorText("Mutex lock error: "));
     }
   }
 
-  // Throws std::runtime_error("Mutex unlock error: ...") on failure.
+  /// Throws std::runtime_error("Mutex unlock error: ...") on failure.
   void unlock() {
     if (pthread_mutex_unlock(&mutex_) != 0) {
       throw std::runtime_error(internal::primitiveErrorText("Mutex unlock error: "));
     }
   }
 
+  /// The wrapped POSIX mutex, for waits on a condition variable.
   pthread_mutex_t* native() { return &mutex_; }
 
  private:
   pthread_mutex_t mutex_;
 };
 
-// A POSIX condition variable with default attributes; waits are untimed. Callers loop on their
-// own predicate around wait().
+/// A POSIX condition variable with default attributes; waits are untimed. Callers loop on their
+/// own predicate around wait().
 class ConditionVariable {
  public:
-  // Throws std::runtime_error("ConditionVariable init error: ...") on failure.
+  /// Throws std::runtime_error("ConditionVariable init error: ...") on failure.
   ConditionVariable() {
     if (pthread_cond_init(&cond_, nullptr) != 0) {
       throw std::runtime_error(internal::primitiveErrorText("ConditionVariable init error: "));
@@ -90,7 +92,7 @@ class ConditionVariable {
   ConditionVariable(const ConditionVariable&) = delete;
   ConditionVariable& operator=(const ConditionVariable&) = delete;
 
-  // Throws std::runtime_error("ConditionVariable notify_one error: ...") on failure.
+  /// Throws std::runtime_error("ConditionVariable notify_one error: ...") on failure.
   void notify_one() {
     if (pthread_cond_signal(&cond_) != 0) {
       throw std::runtime_error(
@@ -98,18 +100,21 @@ class ConditionVariable {
     }
   }
 
-  // Waits on the lock's mutex (defined in unique_lock.h). Throws "ConditionVariable wait error: "
-  // for a lock without a mutex and "ConditionVariable cond_wait error: " when the wait fails.
+  /// Waits on the lock's mutex (defined in unique_lock.h). Throws "ConditionVariable wait error: "
+  /// for a lock without a mutex and "ConditionVariable cond_wait error: " when the wait fails.
   void wait(UniqueLock& lock);
 
  private:
   pthread_cond_t cond_;
 };
 
-// Locks M for one scope; lock and unlock failures are logged at level 1000 and swallowed.
+/// Locks M for one scope; lock and unlock failures are logged at level 1000 and swallowed.
 template <typename M>
 class AutoLock {
  public:
+  /// Locks mutex. A std::runtime_error from the lock is logged at level 1000 as
+  /// "An runtime_error has been caught:<what>." (auto_lock.h line 31, function "AutoLock") and the
+  /// scope runs on; other exception types pass through.
   explicit AutoLock(M& mutex) : mutex_(mutex) {
     try {
       mutex_.lock();
@@ -119,6 +124,7 @@ class AutoLock {
     }
   }
 
+  /// Unlocks; a std::runtime_error is logged the same way (line 44, function "~AutoLock").
   ~AutoLock() {
     try {
       mutex_.unlock();

@@ -1,10 +1,11 @@
-// UniqueLock: a scoped lock on a Mutex that a ConditionVariable can wait on.
-//
-//   velmora::base::UniqueLock lock(&mutex);
-//   while (!ready) condition.wait(lock);
-//
-// Lock and unlock failures, and a null mutex, are logged at level 1000 and swallowed; the
-// scope runs on as if the lock had been taken.
+/// @file
+/// UniqueLock: a scoped lock on a Mutex that a ConditionVariable can wait on.
+///
+///   velmora::base::UniqueLock lock(&mutex);
+///   while (!ready) condition.wait(lock);
+///
+/// Lock and unlock failures, and a null mutex, are logged at level 1000 and swallowed; the
+/// scope runs on as if the lock had been taken.
 #ifndef VELMORA_BASE_SYNCHRONIZATION_UNIQUE_LOCK_H
 #define VELMORA_BASE_SYNCHRONIZATION_UNIQUE_LOCK_H
 
@@ -13,8 +14,12 @@
 namespace velmora {
 namespace base {
 
+/// A scoped lock on a Mutex that ConditionVariable::wait can use.
 class UniqueLock {
  public:
+  /// Locks mutex. A null mutex ("UniqueLock lock error: ") or a failing lock ("Mutex lock error: ")
+  /// is logged at level 1000 as "An runtime_error has been caught:<what>." (unique_lock.h line
+  /// 33, function "UniqueLock") and the constructor returns normally.
   explicit UniqueLock(Mutex* mutex) : mutex_(mutex) {
     try {
       if (mutex_ == nullptr) {
@@ -27,6 +32,8 @@ class UniqueLock {
     }
   }
 
+  /// Unlocks; a failure is logged the same way (line 47, function "~UniqueLock"). A lock built on
+  /// a null mutex unlocks nothing.
   ~UniqueLock() {
     try {
       unlockMutex();
@@ -39,7 +46,7 @@ class UniqueLock {
   UniqueLock(const UniqueLock&) = delete;
   UniqueLock& operator=(const UniqueLock&) = delete;
 
-  // The locked mutex; null only when the lock was built on a null mutex.
+  /// The locked mutex; null only when the lock was built on a null mutex.
   Mutex* mutex() const { return mutex_; }
 
  private:
