@@ -1,6 +1,29 @@
 // Free utility functions of the library: thread identity and the string, number and path helpers.
+// They keep no state and take no lock; any thread may call them with arguments it does not share.
+// Failures are answered by return values (and, where stated, a log line), never by exceptions.
+//
+//   int port = 0;
+//   if (velmora::base::dstoi(text, port) == 0) { ... }
+//   std::vector<std::string> parts = velmora::base::strSplit("a,b", ",");
+//
+// Deliberate behaviours callers must know:
+// - The dsto* parsers stop at the first non-digit and wrap around silently: "12abc" gives 12,
+//   "abc" gives 0 (both succeed); only "" and a lone "+" or "-" fail. The unsigned forms apply
+//   the sign too ("-1" gives the largest value). dstol and dstoul work in the width of long of
+//   the machine (32 bits on the device, 64 on a 64-bit host).
+// - convert2HexStr REPLACES out with the single digit for values 0 to 15, but APPENDS the digits
+//   to out for values of 16 and above.
+// - strSplit moves on by the length of the whole delimiter string after each match, so a
+//   delimiter string of several characters skips as many characters as it holds.
+// - hasSuffix is false when the suffix is exactly as long as the path (hasSuffix(".txt", ".txt")
+//   is false); the suffix is compared from the path's last '.' on, so it includes the dot.
+// - generateUUID prints the first three groups from the native-order integers of the random
+//   bytes, so their bytes appear reversed against the usual text form of the same 16 bytes.
 #ifndef VELMORA_BASE_UTILS_H
 #define VELMORA_BASE_UTILS_H
+
+#include <string>
+#include <vector>
 
 #include "base/export.h"
 
@@ -9,6 +32,73 @@ namespace base {
 
 // The calling thread's kernel thread id (gettid), not a pthread_t.
 VELMORA_BASE_EXPORT int currentThread();
+
+// A copy of s with every byte passed through tolower.
+VELMORA_BASE_EXPORT std::string toLowerCase(const std::string& s);
+
+// Decimal parsers: an optional leading '+' or '-', then digits up to the first non-digit. 0 with
+// out set (0 when no digit follows), -1 with out untouched for "" or a lone "+" or "-".
+VELMORA_BASE_EXPORT int dstoi(const std::string& s, int& out);
+VELMORA_BASE_EXPORT int dstol(const std::string& s, long& out);
+VELMORA_BASE_EXPORT int dstoll(const std::string& s, long long& out);
+VELMORA_BASE_EXPORT int dstoui(const std::string& s, unsigned int& out);
+VELMORA_BASE_EXPORT int dstoul(const std::string& s, unsigned long& out);
+VELMORA_BASE_EXPORT int dstoull(const std::string& s, unsigned long long& out);
+
+// strtoll in the given base; fallback (and a level-1000 log line) for an empty text, a text with
+// no number at its start, or a value out of range. Trailing characters are ignored.
+VELMORA_BASE_EXPORT long long strToInt(const std::string& s, int base, long long fallback);
+// strtod, with the fallback rules of strToInt.
+VELMORA_BASE_EXPORT double strToReal(const std::string& s, double fallback);
+
+// Trim the given characters, in place, from the front (ltrim) or the back (rtrim) of s.
+VELMORA_BASE_EXPORT std::string& ltrim(std::string& s, const std::string& chars);
+VELMORA_BASE_EXPORT std::string& rtrim(std::string& s, const std::string& chars);
+// The same with the default set " \t\f\v\r\n"; trim does both ends.
+VELMORA_BASE_EXPORT std::string& ltrim(std::string& s);
+VELMORA_BASE_EXPORT std::string& rtrim(std::string& s);
+VELMORA_BASE_EXPORT std::string& trim(std::string& s);
+
+// Whether the text from path's last '.' to its end equals suffix ("a/b.json" has ".json").
+// False for an empty path and for a suffix exactly as long as the path.
+VELMORA_BASE_EXPORT bool hasSuffix(const std::string& path, const std::string& suffix);
+
+// A new random identifier: 36 upper-case hex characters in groups 8-4-4-4-12.
+VELMORA_BASE_EXPORT std::string generateUUID();
+
+// Whether path exists (access F_OK); a failure other than a null path is logged at level 1000.
+VELMORA_BASE_EXPORT bool isPathExists(const char* path);
+
+// Removes the folder path with everything below it that is a folder or a regular file. Entries
+// it cannot stat or delete, and special files (devices, pipes, sockets), are logged and left.
+// 0 on success; -1 for a null path, -2 when the folder cannot be opened, -3 when it cannot be
+// removed at the end (for example because something was left in it).
+VELMORA_BASE_EXPORT int rmDir(const char* path);
+
+// Splits "key = value # comment" at its first '='. The value is cut at its first '#'; both are
+// trimmed of the default set. False (key and value untouched, logged) when there is no '='.
+VELMORA_BASE_EXPORT bool exactIniKeyValue(const std::string& line, std::string& key,
+                                          std::string& value);
+
+// Hex digits of value, taken as unsigned of its own width, without prefix or padding; upper or
+// lower case letters. Values 0 to 15 REPLACE out with their digit; larger values APPEND their
+// digits to out. Always 0.
+VELMORA_BASE_EXPORT int convert2HexStr(char value, std::string& out, bool upper);
+VELMORA_BASE_EXPORT int convert2HexStr(unsigned char value, std::string& out, bool upper);
+VELMORA_BASE_EXPORT int convert2HexStr(int value, std::string& out, bool upper);
+VELMORA_BASE_EXPORT int convert2HexStr(unsigned int value, std::string& out, bool upper);
+VELMORA_BASE_EXPORT int convert2HexStr(long value, std::string& out, bool upper);
+VELMORA_BASE_EXPORT int convert2HexStr(unsigned long value, std::string& out, bool upper);
+
+// The non-empty pieces of s between characters of delims. After each match the scan moves on
+// by delims.size() characters, not by one.
+VELMORA_BASE_EXPORT std::vector<std::string> strSplit(const std::string& s,
+                                                      const std::string& delims);
+
+// Appends to out (not cleared) every field of s between single-character delimiters, empty
+// fields and the last field included. -1 with out untouched when s holds no delimiter, else 0.
+VELMORA_BASE_EXPORT int separateStr(const std::string& s, const std::string& delims,
+                                    std::vector<std::string>& out);
 
 }  // namespace base
 }  // namespace velmora
