@@ -1,0 +1,33 @@
+// System calls interposed by the task-scheduling test executables (task_interpose.cpp):
+// pthread_create fails on demand and counts its calls; a kernel thread's next monotonic clock
+// read can be shifted; pthread_cond_signal calls are counted per thread; a watched thread's
+// timed waits are recorded with the interval they ask for.
+#ifndef VELMORA_TESTS_TASKS_TASK_INTERPOSE_H
+#define VELMORA_TESTS_TASKS_TASK_INTERPOSE_H
+
+#include <chrono>
+#include <vector>
+
+#include "interpose.h"
+
+namespace velmora {
+namespace testing {
+
+extern Fault g_pthreadCreateFault;
+int pthreadCreateCalls();
+
+// The next CLOCK_MONOTONIC read made on kernel thread tid returns a time seconds later.
+void shiftNextMonotonicRead(int tid, double seconds);
+
+// pthread_cond_signal calls made so far on the calling thread.
+int condSignalsOnThisThread();
+
+// Records the intervals (deadline minus now, seconds) of the timed waits of kernel thread tid.
+void watchTimedWaits(int tid);
+// Waits until count timed waits have been recorded; returns the intervals recorded by then.
+std::vector<double> waitForTimedWaits(size_t count, std::chrono::milliseconds timeout);
+
+}  // namespace testing
+}  // namespace velmora
+
+#endif  // VELMORA_TESTS_TASKS_TASK_INTERPOSE_H
