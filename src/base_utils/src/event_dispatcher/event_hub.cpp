@@ -1,6 +1,7 @@
 // Browser events, the event hub and its handler thread.
 #include "base/event_dispatcher/event_hub.h"
 
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -55,7 +56,15 @@ const EventHubImpl::InnerHandler_t* firstMatch(
 
 EventHubImpl::EventHubImpl() : m_exitThread(false) {}
 
-EventHubImpl::~EventHubImpl() = default;
+// A hub must be stopped before it goes. Destroying a running thread's std::thread ends the
+// process; that is checked first, since destroying the condition variable the thread waits on
+// (which happens earlier, in member order) would block for ever instead.
+EventHubImpl::~EventHubImpl() {
+  const std::shared_ptr<std::thread> thread = std::atomic_load(&m_thread);
+  if (thread && thread->joinable()) {
+    std::terminate();
+  }
+}
 
 bool EventHubImpl::handlerExists(const InnerHandler_t& key) {
   std::lock_guard<std::mutex> lock(m_handlerMutex);
