@@ -139,7 +139,8 @@ long long strToInt(const std::string& s, int base, long long fallback) {
     return fallback;
   }
   const char* start = s.c_str();
-  char* end = nullptr;
+  // Left at the start when the call consumes nothing (also for a base it refuses).
+  char* end = const_cast<char*>(start);
   errno = 0;
   const long long value = strtoll(start, &end, base);
   const int error = errno;
@@ -160,7 +161,8 @@ double strToReal(const std::string& s, double fallback) {
     return fallback;
   }
   const char* start = s.c_str();
-  char* end = nullptr;
+  // Left at the start when the call consumes nothing (also for a base it refuses).
+  char* end = const_cast<char*>(start);
   errno = 0;
   const double value = strtod(start, &end);
   const int error = errno;

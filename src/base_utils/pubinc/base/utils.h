@@ -71,6 +71,8 @@ VELMORA_BASE_EXPORT bool isPathExists(const char* path);
 
 // Removes the folder path with everything below it that is a folder or a regular file. Entries
 // it cannot stat or delete, and special files (devices, pipes, sockets), are logged and left.
+// Symbolic links are followed: a link to a folder has that folder's contents removed (the link
+// itself then stays, as rmdir refuses it); a dangling link cannot be stat'ed and stays.
 // 0 on success; -1 for a null path, -2 when the folder cannot be opened, -3 when it cannot be
 // removed at the end (for example because something was left in it).
 VELMORA_BASE_EXPORT int rmDir(const char* path);
