@@ -368,18 +368,19 @@ TEST_F(TimerThreadTest, IdleWorkerWaitsAtMostOneSecondAtATime) {
 
 TEST_F(TimerThreadTest, TaskPoppedEarlyIsPutBackAndRunsOnceWhenDue) {
   TimerThread thread;
-  Latch warm;
-  thread.postTask(dueTask(monotonicNow(), [&] { warm.countDown(); }));
-  ASSERT_TRUE(warm.wait());
-  // The worker now waits with an empty queue and reads the monotonic clock next when it looks
-  // at the task below: that read is shifted so the task looks due and is popped early.
-  velmora::testing::shiftNextMonotonicRead(thread.threadId(), 10.0);
   Recorder runs;
   std::atomic<double> ranAt{0.0};
   const double due = monotonicNow() + 0.3;
-  thread.postTask(dueTask(due, [&] {
+  auto early = dueTask(due, [&] {
     ranAt.store(monotonicNow());
     runs.add(1);
+  });
+  // Posted from a task on the worker itself, which then shifts its own next monotonic clock
+  // read: that is the read of getNextFiringInterval on the next pass, so the task looks due
+  // and is popped; the check after the pop reads the true time and puts it back.
+  thread.postTask(dueTask(monotonicNow(), [&] {
+    thread.postTask(early);
+    velmora::testing::shiftNextMonotonicRead(velmora::testing::gettid(), 10.0);
   }));
   ASSERT_TRUE(runs.waitForSize(1));
   Latch sentinel;
