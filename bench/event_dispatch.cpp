@@ -31,7 +31,9 @@ namespace {
 std::atomic<uint64_t> g_allocations{0};
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Counting replacements of the global allocation operators. None of them is inlined: the
+// compiler would otherwise pair malloc and free with the operators and warn about a mismatch.
+__attribute__((noinline)) void* operator new(std::size_t size) {
   g_allocations.fetch_add(1, std::memory_order_relaxed);
   void* pointer = std::malloc(size == 0 ? 1 : size);
   if (pointer == nullptr) {
@@ -40,15 +42,15 @@ void* operator new(std::size_t size) {
   return pointer;
 }
 
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   g_allocations.fetch_add(1, std::memory_order_relaxed);
   return std::malloc(size == 0 ? 1 : size);
 }
 
-void operator delete(void* pointer) noexcept {
+__attribute__((noinline)) void operator delete(void* pointer) noexcept {
   std::free(pointer);
 }
-void operator delete(void* pointer, std::size_t) noexcept {
+__attribute__((noinline)) void operator delete(void* pointer, std::size_t) noexcept {
   std::free(pointer);
 }
 
