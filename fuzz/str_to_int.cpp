@@ -1,0 +1,75 @@
+// strToInt against strtoll itself: the parsed value when strtoll consumed something without a
+// range error, otherwise the caller's fallback together with exactly one error line naming the
+// reason ("Invalid argument", "Invalid argument." or the conversion failure with errno).
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include "base/utils.h"
+#include "support/fuzz_check.h"
+#include "support/log_sink.h"
+
+namespace {
+
+using velmora::fuzzing::countEndingWith;
+using velmora::fuzzing::escaped;
+
+constexpr int kLevelError = 1000;
+
+std::string format(const char* pattern, int error, const std::string& text) {
+  const int length = snprintf(nullptr, 0, pattern, error, strerror(error), text.c_str());
+  std::string line(static_cast<std::size_t>(length) + 1, '\0');
+  snprintf(&line[0], line.size(), pattern, error, strerror(error), text.c_str());
+  line.resize(static_cast<std::size_t>(length));
+  return line;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzedDataProvider provider(data, size);
+  // Bases 0 and 2 to 36 are valid; a few invalid ones are tried as well.
+  const int base = provider.ConsumeIntegralInRange<int>(-1, 40);
+  const long long fallback = provider.ConsumeIntegral<long long>();
+  std::string text = provider.ConsumeRemainingBytesAsString();
+  text = text.substr(0, text.find('\0'));  // the parser sees the text up to its first NUL
+
+  errno = 0;
+  char* end = nullptr;
+  const long long parsed = strtoll(text.c_str(), &end, base);
+  const int error = errno;
+
+  long long expected = parsed;
+  std::string message;
+  if (text.empty()) {
+    expected = fallback;
+    message = "Invalid argument\n";
+  } else if (end == text.c_str()) {
+    expected = fallback;
+    message = "Invalid argument.\n";
+  } else if (error != 0) {
+    expected = fallback;
+    message = format(" Conversion failed: %d ( %s )  [%s] \n", error, text);
+  }
+
+  velmora::fuzzing::clearLog();
+  const long long result = velmora::base::strToInt(text, base, fallback);
+  const std::string detail = "strToInt(\"" + escaped(text) + "\", " + std::to_string(base) + ", " +
+                             std::to_string(fallback) + ") gave " + std::to_string(result) +
+                             ", expected " + std::to_string(expected);
+  FUZZ_CHECK(result == expected, detail);
+  const std::size_t lines = velmora::fuzzing::loggedLines().size();
+  if (message.empty()) {
+    FUZZ_CHECK(lines == 0, detail + " with no log line");
+  } else {
+    FUZZ_CHECK(lines == 1 && countEndingWith(kLevelError, message) == 1,
+               detail + " with the one error line \"" + escaped(message) + "\"");
+  }
+  return 0;
+}

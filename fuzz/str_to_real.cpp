@@ -1,0 +1,84 @@
+// strToReal against strtod itself: the parsed value when strtod consumed something without a
+// range error, otherwise the caller's fallback together with exactly one error line naming the
+// reason ("Invalid argument", "Invalid argument." or the conversion failure with errno).
+#include <cerrno>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include "base/utils.h"
+#include "support/fuzz_check.h"
+#include "support/log_sink.h"
+
+namespace {
+
+using velmora::fuzzing::countEndingWith;
+using velmora::fuzzing::escaped;
+
+constexpr int kLevelError = 1000;
+
+std::string format(const char* pattern, int error, const std::string& text) {
+  const int length = snprintf(nullptr, 0, pattern, error, strerror(error), text.c_str());
+  std::string line(static_cast<std::size_t>(length) + 1, '\0');
+  snprintf(&line[0], line.size(), pattern, error, strerror(error), text.c_str());
+  line.resize(static_cast<std::size_t>(length));
+  return line;
+}
+
+// Equal as values, or both NaN (strtod gives NaN for "nan").
+bool sameReal(double a, double b) {
+  return (std::isnan(a) && std::isnan(b)) || a == b;
+}
+
+std::string show(double value) {
+  char text[64];
+  snprintf(text, sizeof(text), "%.17g", value);
+  return text;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzedDataProvider provider(data, size);
+  const double fallback = provider.ConsumeFloatingPoint<double>();
+  std::string text = provider.ConsumeRemainingBytesAsString();
+  text = text.substr(0, text.find('\0'));  // the parser sees the text up to its first NUL
+
+  errno = 0;
+  char* end = nullptr;
+  const double parsed = strtod(text.c_str(), &end);
+  const int error = errno;
+
+  double expected = parsed;
+  std::string message;
+  if (text.empty()) {
+    expected = fallback;
+    message = "Invalid argument\n";
+  } else if (end == text.c_str()) {
+    expected = fallback;
+    message = "Invalid argument.\n";
+  } else if (error != 0) {
+    expected = fallback;
+    message = format("Conversion failed: %d ( %s )  [%s]\n", error, text);
+  }
+
+  velmora::fuzzing::clearLog();
+  const double result = velmora::base::strToReal(text, fallback);
+  const std::string detail = "strToReal(\"" + escaped(text) + "\", " + show(fallback) + ") gave " +
+                             show(result) + ", expected " + show(expected);
+  FUZZ_CHECK(sameReal(result, expected), detail);
+  const std::size_t lines = velmora::fuzzing::loggedLines().size();
+  if (message.empty()) {
+    FUZZ_CHECK(lines == 0, detail + " with no log line");
+  } else {
+    FUZZ_CHECK(lines == 1 && countEndingWith(kLevelError, message) == 1,
+               detail + " with the one error line \"" + escaped(message) + "\"");
+  }
+  return 0;
+}
