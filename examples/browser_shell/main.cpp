@@ -5,8 +5,8 @@
 //                  SHOW_MEMORY_DEBUG_INFO asks for it, record settings as process properties;
 //   2. events      three modules exchange events through their EventHubs (module_events.h);
 //   3. tasks       the start page is loaded, checksummed and rendered by tasks on the
-//                  TimerThreadPool, and a batch of tasks is spread over its workers
-//                  (pool_tasks.h);
+//                  TimerThreadPool, and a batch of tasks due over the first half of the run
+//                  is spread over its workers (pool_tasks.h);
 //   4. timers      a CONTINUE simple timer prints a heartbeat, a ONCE simple timer ends the run,
 //                  and a Runnable samples the event backlog (shell_timers.h);
 //   5. shut-down   stop the timers, join the sampler, unregister the hubs, print the summary.
@@ -193,14 +193,15 @@ int main(int argc, char** argv) {
   // 3. Tasks
   auto ledger = std::make_shared<TaskLedger>();
   startPageLoad(ledger, options.startPage);
-  spreadWorkerTasks(ledger, options.workerTasks);
+  spreadWorkerTasks(ledger, options.workerTasks, options.runSeconds / 2.0);
 
   // 4. Timers and the sampler
   Heartbeat heartbeat(options.heartbeatMs, [&] { return progressLine(exchange, *ledger); });
   EndOfRun endOfRun(options.runSeconds);
   BacklogSampler sampler(kSamplerIntervalMs, [&] { return exchange.inFlight(); });
-  heartbeat.start();
-  endOfRun.start();
+  if (!heartbeat.start() || !endOfRun.start()) {
+    std::fprintf(stderr, "browser_shell: a simple timer did not start\n");
+  }
   sampler.startThread();
 
   exchangeEvents(exchange, sampler, options);

@@ -59,6 +59,16 @@ int indexOfModuleId(int id) {
   return -1;
 }
 
+// The event's payload if it is the shell's own, else null. EventParam's paramType() tells the
+// payload classes apart without RTTI.
+const ShellEventParam* shellParamOf(const BrowserEvent& event) {
+  const velmora::base::event_dispatcher::EventParam* param = event.param();
+  if (param == nullptr || param->paramType() != ShellEventParam::kParamType) {
+    return nullptr;
+  }
+  return static_cast<const ShellEventParam*>(param);
+}
+
 }  // namespace
 
 struct EventExchange::Module {
@@ -125,10 +135,7 @@ void EventExchange::sendRound(int round) {
 }
 
 void EventExchange::onEvent(int module, const std::shared_ptr<BrowserEvent>& event) {
-  const auto* param =
-      event->param() != nullptr && event->param()->paramType() == ShellEventParam::kParamType
-          ? static_cast<const ShellEventParam*>(event->param())
-          : nullptr;
+  const ShellEventParam* param = shellParamOf(*event);
   const int sender = indexOfModuleId(event->srcModuleId());
   if (param != nullptr) {
     latency_.record(monotonicSeconds() - param->sentAt());

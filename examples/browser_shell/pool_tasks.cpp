@@ -150,14 +150,17 @@ PageReport TaskLedger::page() const {
 
 namespace {
 
-// Base of the shell's tasks: reports its start and end to the ledger around doWork(), and is
-// due as soon as it is posted.
+// Base of the shell's tasks: reports its start and end to the ledger around doWork(). A task is
+// due as soon as it is made, unless dueIn() says otherwise.
 class ShellTask : public TimerTaskBase {
  public:
   ShellTask(std::shared_ptr<TaskLedger> ledger, PoolRole role)
       : ledger_(std::move(ledger)), role_(role) {
     setNextFireTime(monotonicSeconds());
   }
+
+  // Makes the task due the given number of seconds from now.
+  void dueIn(double seconds) { setNextFireTime(monotonicSeconds() + seconds); }
 
   void execute() override {
     ledger_->started(role_, getNextFireTime());
@@ -298,10 +301,12 @@ void startPageLoad(const std::shared_ptr<TaskLedger>& ledger, const std::string&
   TimerThreadPool::postBackgroundTask(std::make_shared<LoadPageTask>(ledger, path));
 }
 
-void spreadWorkerTasks(const std::shared_ptr<TaskLedger>& ledger, int count) {
+void spreadWorkerTasks(const std::shared_ptr<TaskLedger>& ledger, int count, double spanSeconds) {
   ledger->expect(kWorkerRole, count);
   for (int tile = 0; tile < count; ++tile) {
-    TimerThreadPool::postWorkerTask(std::make_shared<DecodeTileTask>(ledger, tile));
+    auto task = std::make_shared<DecodeTileTask>(ledger, tile);
+    task->dueIn(spanSeconds * tile / count);
+    TimerThreadPool::postWorkerTask(task);
   }
 }
 

@@ -3,9 +3,9 @@
 // The start page travels through the three named threads the way a page does in the browser:
 // the background thread loads it (utils::File) and checksums it (CheckSum, MD5), the main
 // thread "renders" it, the foreground thread "presents" it. Independent work (decoding image
-// tiles here) is spread over the pool's workers. A TaskLedger counts what ran where, checks
-// that every task ran on a thread of its role, and measures the hand-off latency (from a
-// task's due time to the start of its body).
+// tiles here) is spread over the pool's workers and over time. A TaskLedger counts what ran
+// where, checks that every task ran on a thread of its role, and measures the hand-off latency
+// (from a task's due time to the start of its body).
 #ifndef BROWSER_SHELL_POOL_TASKS_H
 #define BROWSER_SHELL_POOL_TASKS_H
 
@@ -81,8 +81,9 @@ class TaskLedger {
 // thread. The page is read from path.
 void startPageLoad(const std::shared_ptr<TaskLedger>& ledger, const std::string& path);
 
-// Posts count tile-decoding tasks to the pool's workers.
-void spreadWorkerTasks(const std::shared_ptr<TaskLedger>& ledger, int count);
+// Posts count tile-decoding tasks to the pool's workers at once, due evenly spread over the next
+// spanSeconds: the workers hold them queued in due-time order until each is due.
+void spreadWorkerTasks(const std::shared_ptr<TaskLedger>& ledger, int count, double spanSeconds);
 
 }  // namespace browser_shell
 
