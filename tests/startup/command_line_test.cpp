@@ -5,7 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cctype>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -67,11 +68,24 @@ std::string literally(const std::string& text) {
   return pattern;
 }
 
-// The log lines whose text matches the pattern.
-int logLinesMatching(uint16_t level, const std::string& pattern) {
+// Whether text is before, a decimal line number, then after.
+bool isLineWithNumber(const std::string& text, const std::string& before,
+                      const std::string& after) {
+  if (text.compare(0, before.size(), before) != 0) {
+    return false;
+  }
+  size_t position = before.size();
+  while (position < text.size() && isdigit(static_cast<unsigned char>(text[position]))) {
+    ++position;
+  }
+  return position > before.size() && text.substr(position) == after;
+}
+
+// The log lines of this file at this level whose text ends, after the line number, in after.
+int logLines(uint16_t level, const std::string& after) {
   int matching = 0;
   for (const auto& entry : LogCapture::entries()) {
-    if (entry.level == level && std::regex_match(entry.text, std::regex(pattern))) {
+    if (entry.level == level && isLineWithNumber(entry.text, "[B-LOG] command_line.cpp:", after)) {
       ++matching;
     }
   }
@@ -79,8 +93,7 @@ int logLinesMatching(uint16_t level, const std::string& pattern) {
 }
 
 std::string clearLine(const std::string& text) {
-  return "\\[B-LOG\\] command_line\\.cpp:[0-9]+:clear_option\\(\\): clear  " + literally(text) +
-         " done\n";
+  return ":clear_option(): clear  " + text + " done\n";
 }
 
 class CommandLineTest : public LogCaptureTest {};
@@ -98,8 +111,8 @@ TEST_F(CommandLineTest, ShortThenLongOptionAreBothReadAndBlanked) {
   // The value inside "--url=start.html" is blanked too.
   EXPECT_EQ(args.charAt(2, 6), '\0');
   EXPECT_EQ(args.at(0), "prog");
-  EXPECT_EQ(logLinesMatching(5000, clearLine("-s")), 1);
-  EXPECT_EQ(logLinesMatching(5000, clearLine("--url")), 1);
+  EXPECT_EQ(logLines(5000, clearLine("-s")), 1);
+  EXPECT_EQ(logLines(5000, clearLine("--url")), 1);
 }
 
 TEST_F(CommandLineTest, AfterALongOptionAShortOneIsSearchedInItsLongFormAndStays) {
@@ -111,7 +124,7 @@ TEST_F(CommandLineTest, AfterALongOptionAShortOneIsSearchedInItsLongFormAndStays
   EXPECT_EQ(line.GetOptionValue("url"), "start.html");
   EXPECT_EQ(args.charAt(1, 0), '\0');
   EXPECT_EQ(args.at(2), "-s");
-  EXPECT_EQ(logLinesMatching(5000, clearLine("--url")), 1);
+  EXPECT_EQ(logLines(5000, clearLine("--url")), 1);
   EXPECT_EQ(LogCapture::countContaining("clear  --sw done"), 0u);
   EXPECT_EQ(LogCapture::countContaining("clear  -s done"), 0u);
 }
@@ -170,16 +183,14 @@ TEST_F(CommandLineTest, UnknownShortOptionAndMissingValueAreIgnoredSilently) {
   EXPECT_EQ(args.at(1), "-z");
   EXPECT_EQ(args.at(3), "-u");
   EXPECT_EQ(LogCapture::entries().size(), 1u);
-  EXPECT_EQ(logLinesMatching(5000, clearLine("-g")), 1);
+  EXPECT_EQ(logLines(5000, clearLine("-g")), 1);
 }
 
 TEST_F(CommandLineTest, DuplicateLetterIsLoggedAndTheNewOptionTakesTheLetterOver) {
   Arguments args{"prog", "-u", "file.bin"};
   CommandLine line(args.argc(), args.argv(), kHeader, "", true);
   line.AddOption("upload", 'u', true, "Upload a file", true, nullptr);
-  EXPECT_EQ(logLinesMatching(1000,
-                             "\\[B-LOG\\] command_line\\.cpp:[0-9]+:AddOption\\(\\): Command line "
-                             "argument -u is already used for --url\n"),
+  EXPECT_EQ(logLines(1000, ":AddOption(): Command line argument -u is already used for --url\n"),
             1);
   line.Parse();
   EXPECT_TRUE(line.HasOption("upload"));
@@ -262,7 +273,7 @@ TEST_F(CommandLineTest, RepeatedOptionKeepsTheLastValue) {
   for (size_t i = 1; i < 5; ++i) {
     EXPECT_EQ(args.charAt(i, 0), '\0') << i;
   }
-  EXPECT_EQ(logLinesMatching(5000, clearLine("-u")), 2);
+  EXPECT_EQ(logLines(5000, clearLine("-u")), 2);
 }
 
 TEST_F(CommandLineTest, PercentAndHashLettersSelectTheirDefaultOptions) {
