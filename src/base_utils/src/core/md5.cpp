@@ -97,7 +97,9 @@ void MD5::update(const unsigned char* input, unsigned int length) {
     }
     index = 0;
   }
-  memcpy(&buffer[index], &input[consumed], length - consumed);
+  if (consumed < length) {
+    memcpy(&buffer[index], &input[consumed], length - consumed);
+  }
 }
 
 void MD5::update(const char* input, unsigned int length) {
