@@ -11,6 +11,7 @@
 #include "base/event_dispatcher/browser_event.h"
 #include "base/event_dispatcher/event_dispatcher.h"
 #include "base/event_dispatcher/event_hub.h"
+#include "base/logging.h"
 #include "event_test_support.h"
 #include "log_capture.h"
 
@@ -344,6 +345,55 @@ TEST_F(EventFlowTest, LoadEveryAcceptedEventIsHandledOnceAndInSendOrderPerSender
     }
     EXPECT_EQ(wrong, 0) << "hub " << h;
   }
+}
+
+TEST_F(EventFlowTest, HubsComingAndGoingWhileOthersSendLoseNothingForTheStayingHub) {
+  constexpr int kSenders = 2;
+  constexpr int kPerSender = 5000;
+  constexpr int kToggles = 200;
+  Module staying(1);
+  EventHub toggled(2);
+  WaitableCount staying_handled;
+  std::atomic<int> toggled_handled{0};
+  ASSERT_EQ(staying.hub.registerHandler(
+                kTypeT, [&](std::shared_ptr<BrowserEvent>) { staying_handled.add(); }),
+            0);
+  staying.join();
+  EventHandler count_toggled = [&](std::shared_ptr<BrowserEvent>) { toggled_handled.fetch_add(1); };
+
+  Gate start;
+  std::vector<std::thread> threads;
+  for (int s = 0; s < kSenders; ++s) {
+    threads.emplace_back([&, s] {
+      EventHub own(100 + s);
+      start.waitOpen();
+      for (int i = 0; i < kPerSender; ++i) {
+        own.sendEvent(own.createEvent(kTypeT), kAnyModule);
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    start.waitOpen();
+    for (int t = 0; t < kToggles; ++t) {
+      // Registering the handler again is a logged duplicate, but restarts a stopped thread.
+      toggled.registerHandler(kTypeT, count_toggled);
+      evtdispch_register_hub(&toggled);
+      evtdispch_unregister_hub(&toggled);
+    }
+  });
+  start.open();
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_TRUE(staying_handled.waitFor(kSenders * kPerSender));
+  evtdispch_unregister_hub(&staying.hub);
+  EXPECT_EQ(staying_handled.value(), kSenders * kPerSender);
+  EXPECT_LE(toggled_handled.load(), kSenders * kPerSender);
+  EXPECT_EQ(velmora::testing::LogCapture::count(
+                velmora::base::kLogError,
+                "[EventDispatcher] event_hub.cpp:114:registerHandler(): Event handler already "
+                "exists.\n\n"),
+            static_cast<size_t>(kToggles - 1));
 }
 
 }  // namespace
