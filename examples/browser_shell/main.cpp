@@ -7,8 +7,9 @@
 //   3. tasks       the start page is loaded, checksummed and rendered by tasks on the
 //                  TimerThreadPool, and a batch of tasks due over the first half of the run
 //                  is spread over its workers (pool_tasks.h);
-//   4. timers      a CONTINUE simple timer prints a heartbeat, a ONCE simple timer ends the run,
-//                  and a Runnable samples the event backlog (shell_timers.h);
+//   4. timers      a CONTINUE simple timer prints a heartbeat, a ONCE simple timer ends the run
+//                  (shell_timers.h), and a Runnable samples the event backlog
+//                  (backlog_sampler.h);
 //   5. shut-down   stop the timers, join the sampler, unregister the hubs, print the summary.
 // The exit status is 0 only when every event and every task arrived where it was sent.
 //

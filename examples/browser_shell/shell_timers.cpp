@@ -57,8 +57,9 @@ Heartbeat::Heartbeat(int periodMs, std::function<std::string()> progress)
       nullptr, CONTINUE));
 }
 
+// ~Timer stops the timer, but a handler call may still begin after that: close the state first.
 Heartbeat::~Heartbeat() {
-  stop();
+  state_->close();
 }
 
 bool Heartbeat::start() {
@@ -98,9 +99,7 @@ EndOfRun::EndOfRun(double seconds) : state_(std::make_shared<State>()) {
       [state](Timer*, void*) { state->expire(); }, nullptr, ONCE));
 }
 
-EndOfRun::~EndOfRun() {
-  timer_->stop();
-}
+EndOfRun::~EndOfRun() = default;
 
 bool EndOfRun::start() {
   return timer_->start() == 0;
