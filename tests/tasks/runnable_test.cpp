@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -76,6 +77,19 @@ class Events {
 
 Events g_events;
 
+velmora::testing::Fault g_mutexInitFault;
+velmora::testing::Fault g_condInitFault;
+velmora::testing::Fault g_condSignalFault;
+velmora::testing::Fault g_condWaitFault;
+std::atomic<int> g_mutexDestroys{0};
+
+// pthread functions report their error as the result; errno is set too, since the library's
+// error texts are built from it.
+int failWith(int error) {
+  errno = error;
+  return error;
+}
+
 }  // namespace
 
 #define VELMORA_INTERPOSED __attribute__((visibility("default")))
@@ -97,7 +111,32 @@ VELMORA_INTERPOSED int pthread_cond_wait(pthread_cond_t* cond, pthread_mutex_t* 
   if (g_events.watched()) {
     g_events.add(Event{Kind::kWait, 0, 0, 0, 0});
   }
+  if (g_condWaitFault.shouldFail()) {
+    return failWith(EINVAL);
+  }
   return VELMORA_REAL(pthread_cond_wait)(cond, mutex);
+}
+
+VELMORA_INTERPOSED int pthread_mutex_init(pthread_mutex_t* mutex,
+                                          const pthread_mutexattr_t* attributes) {
+  return g_mutexInitFault.shouldFail() ? failWith(ENOMEM)
+                                       : VELMORA_REAL(pthread_mutex_init)(mutex, attributes);
+}
+
+VELMORA_INTERPOSED int pthread_mutex_destroy(pthread_mutex_t* mutex) {
+  g_mutexDestroys.fetch_add(1);
+  return VELMORA_REAL(pthread_mutex_destroy)(mutex);
+}
+
+VELMORA_INTERPOSED int pthread_cond_init(pthread_cond_t* cond,
+                                         const pthread_condattr_t* attributes) {
+  return g_condInitFault.shouldFail() ? failWith(EAGAIN)
+                                      : VELMORA_REAL(pthread_cond_init)(cond, attributes);
+}
+
+VELMORA_INTERPOSED int pthread_cond_signal(pthread_cond_t* cond) {
+  return g_condSignalFault.shouldFail() ? failWith(EINVAL)
+                                        : VELMORA_REAL(pthread_cond_signal)(cond);
 }
 }
 
@@ -376,6 +415,64 @@ TEST_F(RunnableTest, AnExceptionFromACycleLeavesRunWithNoLockHeld) {
   EXPECT_FALSE(probe.running());
   probe.stop();
   EXPECT_EQ(probe.cycles(), 1);
+}
+
+TEST_F(RunnableTest, MutexInitFailureMakesConstructionThrow) {
+  g_mutexInitFault.failNext(1);
+  try {
+    Probe probe(5);
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(std::string(error.what()), std::string("Mutex init error: ") + strerror(ENOMEM));
+  }
+  EXPECT_EQ(LogCapture::countContaining("called"), 0u);
+}
+
+TEST_F(RunnableTest, ConditionInitFailureThrowsAfterDestroyingTheMutex) {
+  g_condInitFault.failNext(1);
+  const int destroysBefore = g_mutexDestroys.load();
+  try {
+    Probe probe(5);
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(std::string(error.what()),
+              std::string("ConditionVariable init error: ") + strerror(EAGAIN));
+  }
+  EXPECT_EQ(g_mutexDestroys.load(), destroysBefore + 1);
+  EXPECT_EQ(LogCapture::countContaining("called"), 0u);
+}
+
+TEST_F(RunnableTest, NotifyFailureLeavesResumeWithAnErrorAndUnlocks) {
+  Probe probe(5);
+  g_condSignalFault.failNext(1);
+  try {
+    probe.resume();
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(std::string(error.what()),
+              std::string("ConditionVariable notify_one error: ") + strerror(EINVAL));
+  }
+  // The lock was released while unwinding: the state can be read and changed again.
+  EXPECT_TRUE(probe.running());
+  probe.pause();
+  EXPECT_FALSE(probe.running());
+}
+
+TEST_F(RunnableTest, WaitFailureLeavesRunWithAnError) {
+  Probe probe(1);
+  probe.pause();
+  g_condWaitFault.failNext(1);
+  bool caught = false;
+  try {
+    probe.run();
+  } catch (const std::runtime_error& error) {
+    caught = std::string(error.what()) ==
+             std::string("ConditionVariable cond_wait error: ") + strerror(EINVAL);
+  }
+  EXPECT_TRUE(caught);
+  EXPECT_EQ(probe.cycles(), 0);
+  probe.stop();
+  EXPECT_FALSE(probe.running());
 }
 
 }  // namespace

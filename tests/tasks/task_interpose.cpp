@@ -14,6 +14,7 @@ namespace velmora {
 namespace testing {
 
 Fault g_pthreadCreateFault;
+Fault g_mutexInitFault;
 
 namespace {
 
@@ -85,6 +86,15 @@ VELMORA_INTERPOSED int pthread_create(pthread_t* thread, const pthread_attr_t* a
     return EAGAIN;
   }
   return VELMORA_REAL(pthread_create)(thread, attributes, entry, argument);
+}
+
+VELMORA_INTERPOSED int pthread_mutex_init(pthread_mutex_t* mutex,
+                                          const pthread_mutexattr_t* attributes) {
+  if (velmora::testing::g_mutexInitFault.shouldFail()) {
+    errno = ENOMEM;
+    return ENOMEM;
+  }
+  return VELMORA_REAL(pthread_mutex_init)(mutex, attributes);
 }
 
 VELMORA_INTERPOSED int clock_gettime(clockid_t clock, timespec* time) {

@@ -1,7 +1,7 @@
 // System calls interposed by the task-scheduling test executables (task_interpose.cpp):
-// pthread_create fails on demand and counts its calls; a kernel thread's next monotonic clock
-// read can be shifted; pthread_cond_signal calls are counted per thread; a watched thread's
-// timed waits are recorded with the interval they ask for.
+// pthread_create fails on demand and counts its calls; pthread_mutex_init fails on demand; a kernel
+// thread's next monotonic clock read can be shifted; pthread_cond_signal calls are counted per
+// thread; a watched thread's timed waits are recorded with the interval they ask for.
 #ifndef VELMORA_TESTS_TASKS_TASK_INTERPOSE_H
 #define VELMORA_TESTS_TASKS_TASK_INTERPOSE_H
 
@@ -14,6 +14,8 @@ namespace velmora {
 namespace testing {
 
 extern Fault g_pthreadCreateFault;
+// pthread_mutex_init fails with ENOMEM.
+extern Fault g_mutexInitFault;
 int pthreadCreateCalls();
 
 // The next CLOCK_MONOTONIC read made on kernel thread tid returns a time seconds later.

@@ -4,10 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <errno.h>
+
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log_capture.h"
@@ -282,6 +286,24 @@ TEST_F(TimerThreadPoolTest, NamedThreadsOrderTheirTasksByDueTime) {
 TEST_F(TimerThreadPoolTest, EmptyTaskToANamedThreadIsRefusedByTheThread) {
   TimerThreadPool::postMainThreadTask(nullptr);
   EXPECT_TRUE(LoggedOnce(kError, "[B-LOG] timer_thread.cpp:72:postTask(): Invalid Empty task\n"));
+}
+
+// Deliberate: a pool whose construction failed leaves the singleton word at its creation
+// marker, so every later access spins for ever; a thread shows it is still waiting.
+TEST_F(TimerThreadPoolTest, MutexInitFailureLeavesGetInstanceAndLaterAccessNeverReturns) {
+  velmora::testing::g_mutexInitFault.failNext(1);
+  try {
+    TimerThreadPool::GetInstance();
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(std::string(error.what()), std::string("Mutex init error: ") + strerror(ENOMEM));
+  }
+  auto returned = std::make_shared<Latch>();
+  std::thread([returned] {
+    TimerThreadPool::isMainThread();
+    returned->countDown();
+  }).detach();
+  EXPECT_FALSE(returned->wait(std::chrono::milliseconds(300)));
 }
 
 }  // namespace
