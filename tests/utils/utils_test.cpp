@@ -8,7 +8,6 @@
 #include <climits>
 #include <cstring>
 #include <limits>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -205,6 +204,12 @@ TEST_F(UtilsTest, StrToIntWithoutDigitsLogsInvalidArgumentWithFullStop) {
 TEST_F(UtilsTest, StrToIntWithAnInvalidBaseConsumesNothing) {
   EXPECT_EQ(9, strToInt("12", 1, 9));
   EXPECT_TRUE(LoggedOnceFrom(1000, "utils.cpp", "strToInt", "Invalid argument.\n"));
+  EXPECT_EQ(9, strToInt("12", 37, 9));
+  EXPECT_EQ(9, strToInt("12", -1, 9));
+  EXPECT_EQ(3u, velmora::testing::countLogLines("utils.cpp", "strToInt", "Invalid argument.\n"));
+  EXPECT_EQ(3u, LogCapture::entries().size());
+  EXPECT_EQ(35, strToInt("z", 36, 9));
+  EXPECT_EQ(2, strToInt("10", 2, 9));
 }
 
 TEST_F(UtilsTest, StrToIntOutOfRangeLogsTheConversionFailure) {
@@ -300,6 +305,29 @@ TEST_F(UtilsTest, HasSuffixIsFalseForEmptyPathOrPathWithoutDot) {
 
 // ---------------------------------------------------------------- generateUUID
 
+// Whether text is five groups of 8, 4, 4, 4 and 12 upper-case hex digits joined by dashes.
+bool isUuidText(const std::string& text) {
+  if (text.size() != 36) {
+    return false;
+  }
+  for (size_t i = 0; i < text.size(); ++i) {
+    const bool dash_place = i == 8 || i == 13 || i == 18 || i == 23;
+    const char c = text[i];
+    const bool hex = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
+    if (dash_place ? c != '-' : !hex) {
+      return false;
+    }
+  }
+  return true;
+}
+
+TEST_F(UtilsTest, UuidTextCheckRejectsOtherForms) {
+  EXPECT_TRUE(isUuidText("03020100-0504-0706-0809-0A0B0C0D0E0F"));
+  EXPECT_FALSE(isUuidText("03020100-0504-0706-0809-0a0B0C0D0E0F"));
+  EXPECT_FALSE(isUuidText("03020100-0504-0706-08090A0B0C0D0E0F0"));
+  EXPECT_FALSE(isUuidText("03020100-0504-0706-0809-0A0B0C0D0E0"));
+}
+
 TEST_F(UtilsTest, GenerateUuidPrintsTheFirstGroupsInNativeByteOrder) {
   g_counting_uuid = true;
   const std::string uuid = generateUUID();
@@ -310,10 +338,9 @@ TEST_F(UtilsTest, GenerateUuidPrintsTheFirstGroupsInNativeByteOrder) {
 TEST_F(UtilsTest, GenerateUuidGivesThirtySixUpperCaseHexCharactersInFiveGroups) {
   const std::string first = generateUUID();
   const std::string second = generateUUID();
-  const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
   EXPECT_EQ(36u, first.size());
-  EXPECT_TRUE(std::regex_match(first, form)) << first;
-  EXPECT_TRUE(std::regex_match(second, form)) << second;
+  EXPECT_TRUE(isUuidText(first)) << first;
+  EXPECT_TRUE(isUuidText(second)) << second;
   EXPECT_NE(first, second);
   // Byte 6 holds the version (4, random) in its high half; printed in native order it is the
   // third character of the third group. Byte 8 holds the variant (binary 10xx).

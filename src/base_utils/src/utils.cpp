@@ -26,6 +26,12 @@ namespace {
 
 const char kDefaultTrimSet[] = " \t\f\v\r\n";
 
+// The bases strtoll accepts; with any other it consumes nothing and leaves its end pointer
+// unset.
+bool isUsableBase(int base) {
+  return base == 0 || (base >= 2 && base <= 36);
+}
+
 // The decimal parse shared by the dsto* family, in the unsigned arithmetic of Out's width.
 template <typename Out>
 int parseDecimal(const std::string& s, Out& out) {
@@ -139,10 +145,13 @@ long long strToInt(const std::string& s, int base, long long fallback) {
     return fallback;
   }
   const char* start = s.c_str();
-  // Left at the start when the call consumes nothing (also for a base it refuses).
+  // With a base strtoll refuses nothing is consumed: end stays at the start.
   char* end = const_cast<char*>(start);
   errno = 0;
-  const long long value = strtoll(start, &end, base);
+  long long value = 0;
+  if (isUsableBase(base)) {
+    value = strtoll(start, &end, base);
+  }
   const int error = errno;
   if (end == start) {
     VELMORA_LOG(kLogError, "Invalid argument.\n");
@@ -161,8 +170,7 @@ double strToReal(const std::string& s, double fallback) {
     return fallback;
   }
   const char* start = s.c_str();
-  // Left at the start when the call consumes nothing (also for a base it refuses).
-  char* end = const_cast<char*>(start);
+  char* end = nullptr;
   errno = 0;
   const double value = strtod(start, &end);
   const int error = errno;

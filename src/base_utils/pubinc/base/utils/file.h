@@ -17,7 +17,8 @@
 //   does SetPlatformFile.
 // - GetLength and Info::size hold only the low 32 bits of the size.
 // - The file-time queries open the path for reading, so a file that exists but is not readable
-//   by the caller gives -1.0 although stat could read its times.
+//   by the caller gives -1.0 although stat could read its times, and a FIFO without a writer
+//   makes them wait until one opens it.
 //
 // <fcntl.h> defines LOCK_READ and LOCK_WRITE as macros (with _GNU_SOURCE, GCC's default for
 // C++). This header includes it once and removes those two macros, so File::LOCK_READ and
