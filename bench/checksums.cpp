@@ -156,6 +156,12 @@ void BM_CrcXmodem_Library(benchmark::State& s) {
 void BM_CrcXmodem_SimpleLoop(benchmark::State& s) {
   runSimple<SimpleCcitt, unsigned short>(s, 0);
 }
+void BM_CrcCcitt1d0f_Library(benchmark::State& s) {
+  runLibrary(s, &CheckSum::crc_ccitt_1d0f);
+}
+void BM_CrcCcitt1d0f_SimpleLoop(benchmark::State& s) {
+  runSimple<SimpleCcitt, unsigned short>(s, 0x1D0F);
+}
 void BM_CrcCcittFfff_Library(benchmark::State& s) {
   runLibrary(s, &CheckSum::crc_ccitt_ffff);
 }
@@ -208,6 +214,8 @@ BENCHMARK(BM_Crc64We_Library);
 BENCHMARK(BM_Crc64We_SimpleLoop);
 BENCHMARK(BM_CrcXmodem_Library);
 BENCHMARK(BM_CrcXmodem_SimpleLoop);
+BENCHMARK(BM_CrcCcitt1d0f_Library);
+BENCHMARK(BM_CrcCcitt1d0f_SimpleLoop);
 BENCHMARK(BM_CrcCcittFfff_Library);
 BENCHMARK(BM_CrcCcittFfff_SimpleLoop);
 BENCHMARK(BM_CrcDnp_Library);
