@@ -2,8 +2,11 @@
 // fails it on demand and otherwise forwards to the next definition. Sanitizer runtimes intercept
 // many of these calls, so their interceptor is preferred over the C library's own symbol.
 //
+// Test executables are built with hidden visibility, so an interposing definition must be
+// exported explicitly (VELMORA_INTERPOSER) for calls made inside the library to reach it.
+//
 //   velmora::testing::Fault g_pipe_fault;
-//   extern "C" int pipe(int fds[2]) {
+//   VELMORA_INTERPOSER int pipe(int fds[2]) {
 //     if (g_pipe_fault.shouldFail()) { errno = EMFILE; return -1; }
 //     return VELMORA_REAL(pipe)(fds);
 //   }
@@ -67,6 +70,9 @@ class Fault {
 
 }  // namespace testing
 }  // namespace velmora
+
+// Declares an interposing definition of a C library call, visible to the whole process.
+#define VELMORA_INTERPOSER extern "C" __attribute__((visibility("default")))
 
 // The hidden definition of a function, looked up once.
 #define VELMORA_REAL(name)                                                           \
