@@ -3,10 +3,10 @@
 // many of these calls, so their interceptor is preferred over the C library's own symbol.
 //
 // Test executables are built with hidden visibility, so an interposing definition must be
-// exported explicitly (VELMORA_INTERPOSER) for calls made inside the library to reach it.
+// exported explicitly (VELMORA_TEST_INTERPOSER) for calls made inside the library to reach it.
 //
 //   velmora::testing::Fault g_pipe_fault;
-//   VELMORA_INTERPOSER int pipe(int fds[2]) {
+//   VELMORA_TEST_INTERPOSER int pipe(int fds[2]) {
 //     if (g_pipe_fault.shouldFail()) { errno = EMFILE; return -1; }
 //     return VELMORA_REAL(pipe)(fds);
 //   }
@@ -72,7 +72,7 @@ class Fault {
 }  // namespace velmora
 
 // Declares an interposing definition of a C library call, visible to the whole process.
-#define VELMORA_INTERPOSER extern "C" __attribute__((visibility("default")))
+#define VELMORA_TEST_INTERPOSER extern "C" __attribute__((visibility("default")))
 
 // The hidden definition of a function, looked up once.
 #define VELMORA_REAL(name)                                                           \
