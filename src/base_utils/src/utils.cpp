@@ -260,7 +260,9 @@ int rmDir(const char* path) {
     VELMORA_LOG(kLogError, "Fail to opendir('%s').\n\n", path);
     return -2;
   }
-  while (const struct dirent* entry = readdir(dir)) {
+  // The 64-bit form: a 32-bit process on a 64-bit kernel cannot read entries whose directory
+  // offsets do not fit the 32-bit form (readdir would stop there with EOVERFLOW).
+  while (const struct dirent64* entry = readdir64(dir)) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
       continue;
     }
