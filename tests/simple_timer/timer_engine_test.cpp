@@ -596,6 +596,40 @@ TEST_F(SimpleTimerEngineTest, PipeFailureIsLoggedOnceAndNoTimerEverFires) {
   EXPECT_EQ(velmora::testing::ppollCalls().value(), 0);
 }
 
+TEST_F(SimpleTimerEngineTest, CommandFloodWhileTheEngineIsBusyNeitherBlocksNorLosesWakeUps) {
+  Signal fired;
+  Timer holder("holder", TimeoutTime{60, 0, 0}, kNoop, nullptr, ONCE);
+  Timer flood("flood", TimeoutTime{30, 0, 0}, kNoop, nullptr, ONCE);
+  Timer probe(
+      "probe", TimeoutTime{0, 0, 0}, [&](Timer*, void*) { fired.set(); }, nullptr, ONCE);
+  waitUntilIdle();
+  // Keep the engine in its next clock reading, outside the list lock, with a timer armed.
+  velmora::testing::holdClockOnThread(velmora::testing::firstThreadId());
+  ASSERT_EQ(holder.start(), 0);
+  ASSERT_TRUE(velmora::testing::heldClockCalls().waitAtLeast(1));
+  LogCapture::setThreshold(1000);
+  // Each cycle writes two commands (new head, head removed): far more than the pipe holds.
+  Signal flooded;
+  std::thread producer([&] {
+    for (int cycle = 0; cycle < 20000; ++cycle) {
+      flood.start();
+      flood.stop();
+    }
+    flooded.set();
+  });
+  const bool producerFinished = flooded.wait(std::chrono::seconds(60));
+  velmora::testing::releaseClock();
+  ASSERT_TRUE(producerFinished) << "a write blocked on the full pipe";
+  producer.join();
+  EXPECT_GE(LogCapture::count(1000, timerLogLine("void SendCmd(", "SendCmd", "Fail to wrtie",
+                                                 "Fail to wrtie data, errno(11):'Resource "
+                                                 "temporarily unavailable'.\n")),
+            1u);
+  ASSERT_EQ(probe.start(), 0);
+  ASSERT_TRUE(fired.wait());
+  EXPECT_TRUE(holder.isStarted());
+}
+
 TEST_F(SimpleTimerEngineTest, EngineWorksWithPipeDescriptorsAboveFdSetSize) {
   rlimit limit = {0, 0};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);

@@ -1,5 +1,6 @@
 #include "timer_interpose.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <poll.h>
 #include <pthread.h>
@@ -8,6 +9,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
 #include <new>
 
@@ -37,6 +39,34 @@ Counter& createdThreads() {
 Counter& finishedThreads() {
   static Counter* finished = new Counter();
   return *finished;
+}
+
+bool calledFromLibrary(void* returnAddress) {
+  Dl_info info;
+  return dladdr(returnAddress, &info) != 0 && info.dli_fname != nullptr &&
+         strstr(info.dli_fname, "libbase_utils") != nullptr;
+}
+
+struct ClockHold {
+  std::mutex mutex;
+  std::condition_variable released;
+  int tid = 0;
+};
+
+ClockHold& clockHold() {
+  static ClockHold* instance = new ClockHold();
+  return *instance;
+}
+
+void waitWhileClockHeld() {
+  ClockHold& hold = clockHold();
+  std::unique_lock<std::mutex> lock(hold.mutex);
+  const int self = currentThreadId();
+  if (hold.tid != self) {
+    return;
+  }
+  heldClockCalls().increment();
+  hold.released.wait(lock, [&] { return hold.tid != self; });
 }
 
 struct ThreadGate {
@@ -85,6 +115,24 @@ Counter& ppollCalls() {
   static Counter* calls = new Counter();
   return *calls;
 }
+void holdClockOnThread(int tid) {
+  std::lock_guard<std::mutex> lock(clockHold().mutex);
+  clockHold().tid = tid;
+}
+
+void releaseClock() {
+  {
+    std::lock_guard<std::mutex> lock(clockHold().mutex);
+    clockHold().tid = 0;
+  }
+  clockHold().released.notify_all();
+}
+
+Counter& heldClockCalls() {
+  static Counter* calls = new Counter();
+  return *calls;
+}
+
 int firstThreadId() {
   return g_firstThreadTid.load();
 }
@@ -150,6 +198,10 @@ using velmora::testing::g_ppollFault;
 extern "C" {
 
 VELMORA_INTERPOSER int pipe(int fds[2]) {
+  // Only the library's pipe counts: sanitizer runtimes make pipes of their own.
+  if (!velmora::testing::calledFromLibrary(__builtin_return_address(0))) {
+    return VELMORA_REAL(pipe)(fds);
+  }
   velmora::testing::g_pipeCalls.fetch_add(1);
   if (g_pipeFault.shouldFail()) {
     errno = EMFILE;
@@ -181,6 +233,7 @@ VELMORA_INTERPOSER int clock_gettime(clockid_t clock, struct timespec* time) {
     *time = velmora::testing::t_frozenTime;
     return 0;
   }
+  velmora::testing::waitWhileClockHeld();
   const int failing = velmora::testing::g_clockFailTid.load();
   if (failing != 0 && failing == velmora::testing::currentThreadId()) {
     errno = EINVAL;

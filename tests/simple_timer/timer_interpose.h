@@ -31,6 +31,11 @@ int firstThreadId();
 
 // clock_gettime fails with EINVAL on the given thread (0: on none).
 void failClockOnThread(int tid);
+// clock_gettime on the given thread waits until released (0: on none).
+void holdClockOnThread(int tid);
+void releaseClock();
+// The number of calls waiting in a held clock_gettime.
+Counter& heldClockCalls();
 // clock_gettime on the calling thread returns this time until unfrozen.
 void freezeClockOnThisThread(const timespec& time);
 void unfreezeClockOnThisThread();

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -92,13 +91,18 @@ std::vector<size_t> positionsOf(const std::string& text) {
 }
 
 std::vector<PrintedExpiry> printedExpiries(const std::string& timerName) {
-  const std::regex pattern("HandleTimerThread\\(\\): Waiting for timer\\('" + timerName +
-                           "'\\) expired, expiredTime\\(sec:(-?[0-9]+), nsec:(-?[0-9]+)\\)\\.\n");
+  const std::string head =
+      "HandleTimerThread(): Waiting for timer('" + timerName + "') expired, expiredTime(sec:";
   std::vector<PrintedExpiry> expiries;
   for (const std::string& text : capturedTexts()) {
-    std::smatch match;
-    if (std::regex_search(text, match, pattern)) {
-      expiries.push_back({std::stoll(match[1]), std::stoll(match[2])});
+    const size_t at = text.find(head);
+    if (at == std::string::npos) {
+      continue;
+    }
+    long long sec = 0;
+    long long nsec = 0;
+    if (sscanf(text.c_str() + at + head.size(), "%lld, nsec:%lld).", &sec, &nsec) == 2) {
+      expiries.push_back({sec, nsec});
     }
   }
   return expiries;

@@ -5,6 +5,7 @@
 #include "base/simple_timer/timer.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/time.h>
@@ -281,6 +282,17 @@ void ServeTimers() {
   }
 }
 
+// Commands are written with the list lock held, and the engine needs that lock before it reads
+// the next command. Were writes to block on a full pipe, a flood of starts and stops faster than
+// the engine reads would stop both for good. A full pipe already holds a pending wake-up, so a
+// write that fails instead (EAGAIN, logged like any failed write) loses nothing.
+void MakeWritesNonBlocking() {
+  const int flags = fcntl(s_cmdPipe[1], F_GETFL);
+  if (flags != -1) {
+    fcntl(s_cmdPipe[1], F_SETFL, flags | O_NONBLOCK);
+  }
+}
+
 void StartTimerThreadOnce() {
   VELMORA_TRACE_SCOPE();
   errno = 0;
@@ -288,6 +300,7 @@ void StartTimerThreadOnce() {
     VELMORA_LOG(kLogError, "Fail to create pipe, errno(%d):'%s'.\n", errno, strerror(errno));
     return;
   }
+  MakeWritesNonBlocking();
   std::thread(HandleTimerThread).detach();
 }
 
