@@ -49,10 +49,10 @@ class VELMORA_BASE_EXPORT EventDispatcher {
   /// for a hub already registered (`"EventHub:%p already exists.\n"`, level 1000, line 93;
   /// the hub is not called again).
   int registerHub(EventHub* p_hub);
-  /// Removes a hub and then calls its onHubUnregistered (which joins its handler thread). Logs
-  /// `"UnRegister hub:%p.\n"` (level 4000, line 113) first. Returns -1 for null (`"p_hub is
-  /// NULL.\n"`, level 1000, line 109), otherwise 0, also for a hub that was not registered
-  /// (silently; then the hub is not called).
+  /// Removes a hub and then calls its onHubUnregistered (which joins its handler thread).
+  /// Logs `"UnRegister hub:%p.\n"` (level 4000, line 113) first. Returns 0, also for a hub
+  /// that was not registered (silently; then the hub is not called), and -1 for null with
+  /// `"p_hub is NULL.\n"` (level 1000, line 109).
   int unregisterHub(EventHub* p_hub);
   /// Offers the event to every registered hub whose moduleId() is destModuleId (every hub for
   /// kAnyModule; 0 and -1 are ordinary ids), in registration order, without stopping at the
