@@ -19,7 +19,8 @@ folder=${2:-$here/../build/fuzz/fuzz}
 folder=$(cd "$folder" && pwd) || exit 2
 artifacts=$folder/artifacts
 scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT INT TERM
+trap 'rm -rf "$scratch"' EXIT
+trap 'exit 130' INT TERM
 mkdir -p "$artifacts"
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}"
@@ -27,10 +28,12 @@ export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 
 found=0
 failed=""
+ran=0
 printf '%-16s %12s %10s  %s\n' target executions "per second" result
 for program in "$folder"/fuzz_*; do
   [ -x "$program" ] || continue
   name=${program##*/fuzz_}
+  ran=$((ran + 1))
   mkdir -p "$scratch/$name"
   log=$scratch/$name.log
   seeds=$here/corpus/$name
@@ -53,8 +56,12 @@ for program in "$folder"/fuzz_*; do
   fi
 done
 
+if [ $ran -eq 0 ]; then
+  echo "no fuzz_* programs in $folder: build them first (cmake --build --preset fuzz)" >&2
+  exit 2
+fi
 if [ $found -ne 0 ]; then
   echo "fuzzing found problems in:$failed (inputs kept in $artifacts)" >&2
   exit 1
 fi
-echo "no findings"
+echo "no findings in $ran targets"
