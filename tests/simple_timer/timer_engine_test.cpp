@@ -289,7 +289,9 @@ TEST_F(SimpleTimerEngineTest, TimersFireInOrderOfExpiry) {
   Timer t10("t10", TimeoutTime{0, 10, 0}, count, nullptr, ONCE);
   Timer t30("t30", TimeoutTime{0, 30, 0}, count, nullptr, ONCE);
   Timer t20("t20", TimeoutTime{0, 20, 0}, count, nullptr, ONCE);
-  const timespec now = monotonicNow();
+  // Counted from a second ahead, so that all are in the list before the first is due.
+  timespec now = monotonicNow();
+  now.tv_sec += 1;
   startAt(t40, now, TimeoutTime{0, 40, 0});
   startAt(t10, now, TimeoutTime{0, 10, 0});
   startAt(t30, now, TimeoutTime{0, 30, 0});
@@ -313,7 +315,9 @@ TEST_F(SimpleTimerEngineTest, TimersWithEqualExpiryFireInTheOrderTheyWereStarted
   Timer first("first", TimeoutTime{0, 20, 0}, count, nullptr, ONCE);
   Timer second("second", TimeoutTime{0, 20, 0}, count, nullptr, ONCE);
   Timer third("third", TimeoutTime{0, 20, 0}, count, nullptr, ONCE);
-  const timespec now = monotonicNow();
+  // Counted from a second ahead, so that all are in the list before the first is due.
+  timespec now = monotonicNow();
+  now.tv_sec += 1;
   startAt(second, now, TimeoutTime{0, 20, 0});
   startAt(first, now, TimeoutTime{0, 20, 0});
   startAt(third, now, TimeoutTime{0, 20, 0});

@@ -60,12 +60,16 @@ ClockHold& clockHold() {
 
 void waitWhileClockHeld() {
   ClockHold& hold = clockHold();
-  std::unique_lock<std::mutex> lock(hold.mutex);
   const int self = currentThreadId();
-  if (hold.tid != self) {
-    return;
+  {
+    std::lock_guard<std::mutex> lock(hold.mutex);
+    if (hold.tid != self) {
+      return;
+    }
   }
+  // Counted outside the hold's lock: the counter's waiters read the clock.
   heldClockCalls().increment();
+  std::unique_lock<std::mutex> lock(hold.mutex);
   hold.released.wait(lock, [&] { return hold.tid != self; });
 }
 
