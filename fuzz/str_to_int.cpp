@@ -41,7 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   text = text.substr(0, text.find('\0'));  // the parser sees the text up to its first NUL
 
   errno = 0;
-  char* end = nullptr;
+  // strtoll leaves the end pointer alone when it refuses the base: nothing consumed then.
+  char* end = const_cast<char*>(text.c_str());
   const long long parsed = strtoll(text.c_str(), &end, base);
   const int error = errno;
 

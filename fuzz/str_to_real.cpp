@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   text = text.substr(0, text.find('\0'));  // the parser sees the text up to its first NUL
 
   errno = 0;
-  char* end = nullptr;
+  char* end = const_cast<char*>(text.c_str());
   const double parsed = strtod(text.c_str(), &end);
   const int error = errno;
 
