@@ -85,9 +85,7 @@ bool recorded(const char* path) {
 
 }  // namespace
 
-#define VELMORA_INTERPOSED extern "C" __attribute__((visibility("default")))
-
-VELMORA_INTERPOSED int open(const char* path, int flags, ...) {
+extern "C" VELMORA_TEST_INTERPOSER int open(const char* path, int flags, ...) {
   mode_t mode = 0;
   if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
     va_list args;
@@ -109,7 +107,7 @@ VELMORA_INTERPOSED int open(const char* path, int flags, ...) {
   return VELMORA_REAL(open)(path, flags, mode);
 }
 
-VELMORA_INTERPOSED int close(int fd) {
+extern "C" VELMORA_TEST_INTERPOSER int close(int fd) {
   {
     std::lock_guard<std::mutex> lock(g_record_mutex);
     auto found = g_closes.find(fd);
@@ -120,49 +118,50 @@ VELMORA_INTERPOSED int close(int fd) {
   return VELMORA_REAL(close)(fd);
 }
 
-VELMORA_INTERPOSED ssize_t read(int fd, void* data, size_t count) {
+extern "C" VELMORA_TEST_INTERPOSER ssize_t read(int fd, void* data, size_t count) {
   if (g_read.shouldFail()) {
     return -1;
   }
   return VELMORA_REAL(read)(fd, data, g_read.cut(count));
 }
 
-VELMORA_INTERPOSED ssize_t write(int fd, const void* data, size_t count) {
+extern "C" VELMORA_TEST_INTERPOSER ssize_t write(int fd, const void* data, size_t count) {
   if (g_write.shouldFail()) {
     return -1;
   }
   return VELMORA_REAL(write)(fd, data, g_write.cut(count));
 }
 
-VELMORA_INTERPOSED ssize_t pread(int fd, void* data, size_t count, off_t offset) {
+extern "C" VELMORA_TEST_INTERPOSER ssize_t pread(int fd, void* data, size_t count, off_t offset) {
   if (g_pread.shouldFail()) {
     return -1;
   }
   return VELMORA_REAL(pread)(fd, data, g_pread.cut(count), offset);
 }
 
-VELMORA_INTERPOSED ssize_t pwrite(int fd, const void* data, size_t count, off_t offset) {
+extern "C" VELMORA_TEST_INTERPOSER ssize_t pwrite(int fd, const void* data, size_t count,
+                                                  off_t offset) {
   if (g_pwrite.shouldFail()) {
     return -1;
   }
   return VELMORA_REAL(pwrite)(fd, data, g_pwrite.cut(count), offset);
 }
 
-VELMORA_INTERPOSED int ftruncate(int fd, off_t length) {
+extern "C" VELMORA_TEST_INTERPOSER int ftruncate(int fd, off_t length) {
   if (g_ftruncate.shouldFail()) {
     return -1;
   }
   return VELMORA_REAL(ftruncate)(fd, length);
 }
 
-VELMORA_INTERPOSED int fdatasync(int fd) {
+extern "C" VELMORA_TEST_INTERPOSER int fdatasync(int fd) {
   if (g_fdatasync.shouldFail()) {
     return -1;
   }
   return VELMORA_REAL(fdatasync)(fd);
 }
 
-VELMORA_INTERPOSED int fcntl(int fd, int command, ...) {
+extern "C" VELMORA_TEST_INTERPOSER int fcntl(int fd, int command, ...) {
   va_list args;
   va_start(args, command);
   void* argument = va_arg(args, void*);
@@ -173,7 +172,7 @@ VELMORA_INTERPOSED int fcntl(int fd, int command, ...) {
   return VELMORA_REAL(fcntl)(fd, command, argument);
 }
 
-VELMORA_INTERPOSED int fstat64(int fd, struct stat64* buf) {
+extern "C" VELMORA_TEST_INTERPOSER int fstat64(int fd, struct stat64* buf) {
   if (g_fstat.shouldFail()) {
     return -1;
   }

@@ -196,12 +196,9 @@ int currentThreadId() {
 using velmora::testing::g_pipeFault;
 using velmora::testing::g_ppollFault;
 
-// The test targets build with hidden visibility; the interposers must be seen by the library.
-#define VELMORA_INTERPOSER __attribute__((visibility("default")))
-
 extern "C" {
 
-VELMORA_INTERPOSER int pipe(int fds[2]) {
+VELMORA_TEST_INTERPOSER int pipe(int fds[2]) {
   // Only the library's pipe counts: sanitizer runtimes make pipes of their own.
   if (!velmora::testing::calledFromLibrary(__builtin_return_address(0))) {
     return VELMORA_REAL(pipe)(fds);
@@ -219,8 +216,8 @@ VELMORA_INTERPOSER int pipe(int fds[2]) {
   return result;
 }
 
-VELMORA_INTERPOSER int ppoll(struct pollfd* fds, nfds_t count, const struct timespec* timeout,
-                             const sigset_t* mask) {
+VELMORA_TEST_INTERPOSER int ppoll(struct pollfd* fds, nfds_t count, const struct timespec* timeout,
+                                  const sigset_t* mask) {
   // The fault is decided before the call is counted, so a fault armed after a call was
   // counted applies to a later call.
   const bool fail = g_ppollFault.shouldFail();
@@ -232,7 +229,7 @@ VELMORA_INTERPOSER int ppoll(struct pollfd* fds, nfds_t count, const struct time
   return VELMORA_REAL(ppoll)(fds, count, timeout, mask);
 }
 
-VELMORA_INTERPOSER int clock_gettime(clockid_t clock, struct timespec* time) {
+VELMORA_TEST_INTERPOSER int clock_gettime(clockid_t clock, struct timespec* time) {
   if (velmora::testing::t_clockFrozen) {
     *time = velmora::testing::t_frozenTime;
     return 0;
@@ -246,8 +243,8 @@ VELMORA_INTERPOSER int clock_gettime(clockid_t clock, struct timespec* time) {
   return VELMORA_REAL(clock_gettime)(clock, time);
 }
 
-VELMORA_INTERPOSER int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                                      void* (*body)(void*), void* argument) {
+VELMORA_TEST_INTERPOSER int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                           void* (*body)(void*), void* argument) {
   auto* start = new velmora::testing::ThreadStart{body, argument};
   velmora::testing::createdThreads().add(1);
   const int result =
@@ -261,7 +258,7 @@ VELMORA_INTERPOSER int pthread_create(pthread_t* thread, const pthread_attr_t* a
 
 }  // extern "C"
 
-VELMORA_INTERPOSER void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+VELMORA_TEST_INTERPOSER void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   if (velmora::testing::t_failNothrowNew) {
     velmora::testing::t_failNothrowNew = false;
     return nullptr;

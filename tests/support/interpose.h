@@ -6,7 +6,7 @@
 // exported explicitly (VELMORA_TEST_INTERPOSER) for calls made inside the library to reach it.
 //
 //   velmora::testing::Fault g_pipe_fault;
-//   VELMORA_TEST_INTERPOSER int pipe(int fds[2]) {
+//   extern "C" VELMORA_TEST_INTERPOSER int pipe(int fds[2]) {
 //     if (g_pipe_fault.shouldFail()) { errno = EMFILE; return -1; }
 //     return VELMORA_REAL(pipe)(fds);
 //   }
@@ -71,8 +71,8 @@ class Fault {
 }  // namespace testing
 }  // namespace velmora
 
-// Declares an interposing definition of a C library call, visible to the whole process.
-#define VELMORA_TEST_INTERPOSER extern "C" __attribute__((visibility("default")))
+// Makes an interposing definition visible to the whole process, the library included.
+#define VELMORA_TEST_INTERPOSER __attribute__((visibility("default")))
 
 // The hidden definition of a function, looked up once.
 #define VELMORA_REAL(name)                                                           \

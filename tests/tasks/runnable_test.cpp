@@ -92,11 +92,9 @@ int failWith(int error) {
 
 }  // namespace
 
-#define VELMORA_INTERPOSED __attribute__((visibility("default")))
-
 extern "C" {
 
-VELMORA_INTERPOSED int nanosleep(const timespec* request, timespec* remaining) {
+VELMORA_TEST_INTERPOSER int nanosleep(const timespec* request, timespec* remaining) {
   const int result = VELMORA_REAL(nanosleep)(request, remaining);
   const int error = errno;
   if (g_events.watched()) {
@@ -107,7 +105,7 @@ VELMORA_INTERPOSED int nanosleep(const timespec* request, timespec* remaining) {
   return result;
 }
 
-VELMORA_INTERPOSED int pthread_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) {
+VELMORA_TEST_INTERPOSER int pthread_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) {
   if (g_events.watched()) {
     g_events.add(Event{Kind::kWait, 0, 0, 0, 0});
   }
@@ -117,24 +115,24 @@ VELMORA_INTERPOSED int pthread_cond_wait(pthread_cond_t* cond, pthread_mutex_t* 
   return VELMORA_REAL(pthread_cond_wait)(cond, mutex);
 }
 
-VELMORA_INTERPOSED int pthread_mutex_init(pthread_mutex_t* mutex,
-                                          const pthread_mutexattr_t* attributes) {
+VELMORA_TEST_INTERPOSER int pthread_mutex_init(pthread_mutex_t* mutex,
+                                               const pthread_mutexattr_t* attributes) {
   return g_mutexInitFault.shouldFail() ? failWith(ENOMEM)
                                        : VELMORA_REAL(pthread_mutex_init)(mutex, attributes);
 }
 
-VELMORA_INTERPOSED int pthread_mutex_destroy(pthread_mutex_t* mutex) {
+VELMORA_TEST_INTERPOSER int pthread_mutex_destroy(pthread_mutex_t* mutex) {
   g_mutexDestroys.fetch_add(1);
   return VELMORA_REAL(pthread_mutex_destroy)(mutex);
 }
 
-VELMORA_INTERPOSED int pthread_cond_init(pthread_cond_t* cond,
-                                         const pthread_condattr_t* attributes) {
+VELMORA_TEST_INTERPOSER int pthread_cond_init(pthread_cond_t* cond,
+                                              const pthread_condattr_t* attributes) {
   return g_condInitFault.shouldFail() ? failWith(EAGAIN)
                                       : VELMORA_REAL(pthread_cond_init)(cond, attributes);
 }
 
-VELMORA_INTERPOSED int pthread_cond_signal(pthread_cond_t* cond) {
+VELMORA_TEST_INTERPOSER int pthread_cond_signal(pthread_cond_t* cond) {
   return g_condSignalFault.shouldFail() ? failWith(EINVAL)
                                         : VELMORA_REAL(pthread_cond_signal)(cond);
 }

@@ -74,13 +74,10 @@ std::vector<double> waitForTimedWaits(size_t count, std::chrono::milliseconds ti
 
 using velmora::testing::g_pthreadCreateFault;
 
-// Exported, so that calls made inside the library reach these definitions.
-#define VELMORA_INTERPOSED __attribute__((visibility("default")))
-
 extern "C" {
 
-VELMORA_INTERPOSED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                                      void* (*entry)(void*), void* argument) {
+VELMORA_TEST_INTERPOSER int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                           void* (*entry)(void*), void* argument) {
   velmora::testing::g_createCalls.fetch_add(1);
   if (g_pthreadCreateFault.shouldFail()) {
     return EAGAIN;
@@ -88,8 +85,8 @@ VELMORA_INTERPOSED int pthread_create(pthread_t* thread, const pthread_attr_t* a
   return VELMORA_REAL(pthread_create)(thread, attributes, entry, argument);
 }
 
-VELMORA_INTERPOSED int pthread_mutex_init(pthread_mutex_t* mutex,
-                                          const pthread_mutexattr_t* attributes) {
+VELMORA_TEST_INTERPOSER int pthread_mutex_init(pthread_mutex_t* mutex,
+                                               const pthread_mutexattr_t* attributes) {
   if (velmora::testing::g_mutexInitFault.shouldFail()) {
     errno = ENOMEM;
     return ENOMEM;
@@ -97,7 +94,7 @@ VELMORA_INTERPOSED int pthread_mutex_init(pthread_mutex_t* mutex,
   return VELMORA_REAL(pthread_mutex_init)(mutex, attributes);
 }
 
-VELMORA_INTERPOSED int clock_gettime(clockid_t clock, timespec* time) {
+VELMORA_TEST_INTERPOSER int clock_gettime(clockid_t clock, timespec* time) {
   const int result = VELMORA_REAL(clock_gettime)(clock, time);
   if (clock == CLOCK_MONOTONIC && result == 0 && velmora::testing::g_shiftTid.load() != 0 &&
       velmora::testing::g_shiftTid.load() == velmora::testing::kernelTid()) {
@@ -111,13 +108,13 @@ VELMORA_INTERPOSED int clock_gettime(clockid_t clock, timespec* time) {
   return result;
 }
 
-VELMORA_INTERPOSED int pthread_cond_signal(pthread_cond_t* cond) {
+VELMORA_TEST_INTERPOSER int pthread_cond_signal(pthread_cond_t* cond) {
   ++velmora::testing::t_condSignals;
   return VELMORA_REAL(pthread_cond_signal)(cond);
 }
 
-VELMORA_INTERPOSED int pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
-                                              const timespec* deadline) {
+VELMORA_TEST_INTERPOSER int pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                                                   const timespec* deadline) {
   const int watched = velmora::testing::g_watchedTid.load();
   if (watched != 0 && watched == velmora::testing::kernelTid()) {
     velmora::testing::recordTimedWait(deadline);
