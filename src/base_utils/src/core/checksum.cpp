@@ -93,10 +93,12 @@ class CrcEngine {
     return crc;
   }
 
-  // Folds a whole string at compile time through the byte step (for the checks below).
+  // Folds a whole string at compile time through the byte step of freshly built tables (for the
+  // checks below; the static member itself cannot appear in a constant expression everywhere).
   static constexpr T fold(T crc, const char* text) {
+    const Tables tables = build();
     while (*text != '\0') {
-      crc = step(kTables, crc, static_cast<unsigned char>(*text++));
+      crc = step(tables, crc, static_cast<unsigned char>(*text++));
     }
     return crc;
   }
