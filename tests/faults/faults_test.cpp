@@ -451,17 +451,33 @@ TEST(FaultDeathTest, SimpleTimerExpiryWhoseHandlerThreadCannotStartEndsTheProces
       "std::system_error");
 }
 
+// The number of descriptors this process has open.
+int openDescriptorCount() {
+  int count = 0;
+  DIR* folder = opendir("/proc/self/fd");
+  while (folder != nullptr && readdir(folder) != nullptr) {
+    ++count;
+  }
+  if (folder != nullptr) {
+    closedir(folder);
+  }
+  return count;
+}
+
 // The engine thread is started by the first Timer through pthread_once, and a failure to start
-// it is not caught: the std::system_error leaves the constructor. (Whether a later Timer tries
-// again depends on how the platform's pthread_once treats an exception, so it is not asserted.)
+// it is not caught: the std::system_error leaves the constructor, and the pipe made for the
+// engine is closed again. (Whether a later Timer tries again depends on how the platform's
+// pthread_once treats an exception, so it is not asserted.)
 TEST(FaultEngineTest, TimerConstructorPassesOnAFailureToStartTheEngineThread) {
   velmora::testing::LogCapture::reset();
+  const int descriptors_before = openDescriptorCount();
   g_threadFault.failNext();
   EXPECT_THROW(st::Timer(
                    "first", st::TimeoutTime{0, 1, 0}, [](st::Timer*, void*) {}, nullptr, st::ONCE),
                std::system_error);
   EXPECT_EQ(1, g_threadFault.failures());
   g_threadFault.off();
+  EXPECT_EQ(descriptors_before, openDescriptorCount());
 }
 
 }  // namespace

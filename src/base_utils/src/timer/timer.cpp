@@ -15,6 +15,7 @@
 #include <cstring>
 #include <list>
 #include <new>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -293,6 +294,13 @@ void MakeWritesNonBlocking() {
   }
 }
 
+void ClosePipe() {
+  close(s_cmdPipe[0]);
+  close(s_cmdPipe[1]);
+  s_cmdPipe[0] = -1;
+  s_cmdPipe[1] = -1;
+}
+
 void StartTimerThreadOnce() {
   VELMORA_TRACE_SCOPE();
   errno = 0;
@@ -301,7 +309,14 @@ void StartTimerThreadOnce() {
     return;
   }
   MakeWritesNonBlocking();
-  std::thread(HandleTimerThread).detach();
+  try {
+    std::thread(HandleTimerThread).detach();
+  } catch (const std::system_error&) {
+    // The failure still reaches the Timer constructor; the once-control is reset by the
+    // exception, so the next Timer tries again with a pipe of its own: this one must not leak.
+    ClosePipe();
+    throw;
+  }
 }
 
 #undef ENGINE_LOG
