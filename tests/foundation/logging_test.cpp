@@ -1,5 +1,8 @@
 #include "base/logging.h"
 
+#include <errno.h>
+#include <time.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,7 +10,20 @@
 #include <thread>
 #include <vector>
 
+#include "interpose.h"
 #include "log_capture.h"
+
+namespace {
+velmora::testing::Fault g_clock_fault;
+}  // namespace
+
+extern "C" VELMORA_TEST_INTERPOSER int clock_gettime(clockid_t clock, struct timespec* time) {
+  if (g_clock_fault.shouldFail()) {
+    errno = EINVAL;
+    return -1;
+  }
+  return VELMORA_REAL(clock_gettime)(clock, time);
+}
 
 namespace {
 
@@ -217,6 +233,22 @@ TEST(BootIdTest, SameValueOnEveryCall) {
   for (int i = 0; i < 100; ++i) {
     EXPECT_EQ(velmora::base::bootID(), first);
   }
+}
+
+TEST(BootIdTest, FailingClockGives4660) {
+  g_clock_fault.failNext();
+  EXPECT_EQ(velmora::base::bootID(), 4660u);
+  EXPECT_EQ(g_clock_fault.failures(), 1);
+  EXPECT_EQ(velmora::base::bootID(), 4660u);
+}
+
+TEST_F(LoggingTest, DumpWithFailingClockStillPrintsEveryLine) {
+  g_clock_fault.failNext();
+  const unsigned char data[3] = {1, 2, 3};
+  dump_memory("clockless", data, 3);
+  EXPECT_EQ(g_clock_fault.failures(), 1);
+  EXPECT_EQ(LogCapture::countContaining("d):, clockless"), 1u);
+  EXPECT_EQ(LogCapture::countContaining("d):, 01 02 03 "), 1u);
 }
 
 TEST(BootIdTest, SameValueOnEveryThread) {
