@@ -18,18 +18,11 @@
 
 namespace {
 
+using velmora::fuzzing::conversionFailureLine;
 using velmora::fuzzing::countEndingWith;
 using velmora::fuzzing::escaped;
 
 constexpr int kLevelError = 1000;
-
-std::string format(const char* pattern, int error, const std::string& text) {
-  const int length = snprintf(nullptr, 0, pattern, error, strerror(error), text.c_str());
-  std::string line(static_cast<std::size_t>(length) + 1, '\0');
-  snprintf(&line[0], line.size(), pattern, error, strerror(error), text.c_str());
-  line.resize(static_cast<std::size_t>(length));
-  return line;
-}
 
 // Equal as values, or both NaN (strtod gives NaN for "nan").
 bool sameReal(double a, double b) {
@@ -65,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     message = "Invalid argument.\n";
   } else if (error != 0) {
     expected = fallback;
-    message = format("Conversion failed: %d ( %s )  [%s]\n", error, text);
+    message = conversionFailureLine("Conversion failed: %d ( %s )  [%s]\n", error, text);
   }
 
   velmora::fuzzing::clearLog();
