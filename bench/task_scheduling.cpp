@@ -137,11 +137,15 @@ class EmptyTask : public TimerTaskBase {
 
 constexpr int kPostIterations = 20000;
 
-std::vector<std::shared_ptr<TimerTaskBase>> makeTasks(size_t count) {
+// count tasks due one millisecond apart from due on; due is left at the next free slot, so
+// consecutive calls give non-decreasing due times.
+std::vector<std::shared_ptr<TimerTaskBase>> makeTasksDueFrom(size_t count, double& due) {
   std::vector<std::shared_ptr<TimerTaskBase>> tasks;
   tasks.reserve(count);
   for (size_t i = 0; i < count; ++i) {
     tasks.push_back(std::make_shared<EmptyTask>());
+    tasks.back()->setNextFireTime(due);
+    due += 1e-3;
   }
   return tasks;
 }
@@ -182,16 +186,10 @@ void BM_PostWithQueuedTasks(benchmark::State& state) {
   thread.postTask(gate);
   gate->waitEntered();
   double due = monotonicNow() + 1e6;
-  for (const auto& task : makeTasks(queued)) {
-    task->setNextFireTime(due);
-    due += 1e-3;
+  for (const auto& task : makeTasksDueFrom(queued, due)) {
     thread.postTask(task);
   }
-  std::vector<std::shared_ptr<TimerTaskBase>> tasks = makeTasks(kPostIterations);
-  for (const auto& task : tasks) {
-    task->setNextFireTime(due);
-    due += 1e-3;
-  }
+  std::vector<std::shared_ptr<TimerTaskBase>> tasks = makeTasksDueFrom(kPostIterations, due);
   size_t next = 0;
   for (auto _ : state) {
     thread.postTask(tasks[next++]);
@@ -211,16 +209,10 @@ void BM_FrontWalkInsertionReference(benchmark::State& state) {
   const size_t queued = static_cast<size_t>(state.range(0));
   std::deque<std::shared_ptr<TimerTaskBase>> queue;
   double due = monotonicNow() + 1e6;
-  for (const auto& task : makeTasks(queued)) {
-    task->setNextFireTime(due);
-    due += 1e-3;
+  for (const auto& task : makeTasksDueFrom(queued, due)) {
     queue.push_back(task);
   }
-  std::vector<std::shared_ptr<TimerTaskBase>> tasks = makeTasks(kPostIterations);
-  for (const auto& task : tasks) {
-    task->setNextFireTime(due);
-    due += 1e-3;
-  }
+  std::vector<std::shared_ptr<TimerTaskBase>> tasks = makeTasksDueFrom(kPostIterations, due);
   size_t next = 0;
   for (auto _ : state) {
     const std::shared_ptr<TimerTaskBase>& task = tasks[next++];
