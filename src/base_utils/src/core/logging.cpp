@@ -73,7 +73,11 @@ unsigned int bootID() {
   } else {
     value = kBootIdOnClockFailure;
   }
-  boot_id.store(value, std::memory_order_relaxed);
+  // Threads racing on the first call all return the value of the one that stored first.
+  unsigned int stored = 0;
+  if (!boot_id.compare_exchange_strong(stored, value, std::memory_order_relaxed)) {
+    return stored;
+  }
   return value;
 }
 
