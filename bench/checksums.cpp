@@ -51,6 +51,7 @@ void setRate(benchmark::State& state) {
 // One 256-entry table and one look-up per byte, as a plain implementation of a CRC would do.
 template <typename T, int kWidth, bool kReflected, uint64_t kPoly>
 struct SimpleCrc {
+  using Value = T;
   T table[256];
 
   SimpleCrc() {
@@ -85,19 +86,19 @@ struct SimpleCrc {
   }
 };
 
-template <typename Crc, typename T>
-void runSimple(benchmark::State& state, T init) {
-  static const Crc crc;
+// The simple loop for one CRC, started from `init`.
+template <typename Crc>
+void SimpleLoop(benchmark::State& state, const Crc* crc, typename Crc::Value init) {
   const auto& data = buffer();
   for (auto _ : state) {
-    benchmark::DoNotOptimize(crc.run(init, data.data(), data.size()));
+    benchmark::DoNotOptimize(crc->run(init, data.data(), data.size()));
   }
   setRate(state);
 }
 
+// The library's whole-buffer function for one CRC.
 template <typename T>
-void runLibrary(benchmark::State& state,
-                T (CheckSum::*function)(const unsigned char*, unsigned int)) {
+void Library(benchmark::State& state, T (CheckSum::*function)(const unsigned char*, unsigned int)) {
   CheckSum sum;
   const auto& data = buffer();
   for (auto _ : state) {
@@ -106,84 +107,38 @@ void runLibrary(benchmark::State& state,
   setRate(state);
 }
 
-using Simple8 = SimpleCrc<unsigned char, 8, false, 0x31>;
-using Simple16 = SimpleCrc<unsigned short, 16, true, 0xA001>;
-using Simple32 = SimpleCrc<unsigned int, 32, true, 0xEDB88320>;
-using Simple64 = SimpleCrc<unsigned long long, 64, false, 0x42F0E1EBA9EA3693>;
-using SimpleCcitt = SimpleCrc<unsigned short, 16, false, 0x1021>;
-using SimpleDnp = SimpleCrc<unsigned short, 16, true, 0xA6BC>;
-using SimpleKermit = SimpleCrc<unsigned short, 16, true, 0x8408>;
+const SimpleCrc<unsigned char, 8, false, 0x31> kSimple8;
+const SimpleCrc<unsigned short, 16, true, 0xA001> kSimple16;
+const SimpleCrc<unsigned int, 32, true, 0xEDB88320> kSimple32;
+const SimpleCrc<unsigned long long, 64, false, 0x42F0E1EBA9EA3693> kSimple64;
+const SimpleCrc<unsigned short, 16, false, 0x1021> kSimpleCcitt;
+const SimpleCrc<unsigned short, 16, true, 0xA6BC> kSimpleDnp;
+const SimpleCrc<unsigned short, 16, true, 0x8408> kSimpleKermit;
 
-void BM_Crc8_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_8);
-}
-void BM_Crc8_SimpleLoop(benchmark::State& s) {
-  runSimple<Simple8, unsigned char>(s, 0);
-}
-void BM_Crc16_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_16);
-}
-void BM_Crc16_SimpleLoop(benchmark::State& s) {
-  runSimple<Simple16, unsigned short>(s, 0);
-}
-void BM_CrcModbus_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_modbus);
-}
-void BM_CrcModbus_SimpleLoop(benchmark::State& s) {
-  runSimple<Simple16, unsigned short>(s, 0xFFFF);
-}
-void BM_Crc32_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_32);
-}
-void BM_Crc32_SimpleLoop(benchmark::State& s) {
-  runSimple<Simple32, unsigned int>(s, 0xFFFFFFFF);
-}
-void BM_Crc64Ecma_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_64_ecma);
-}
-void BM_Crc64Ecma_SimpleLoop(benchmark::State& s) {
-  runSimple<Simple64, unsigned long long>(s, 0);
-}
-void BM_Crc64We_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_64_we);
-}
-void BM_Crc64We_SimpleLoop(benchmark::State& s) {
-  runSimple<Simple64, unsigned long long>(s, ~0ULL);
-}
-void BM_CrcXmodem_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_xmodem);
-}
-void BM_CrcXmodem_SimpleLoop(benchmark::State& s) {
-  runSimple<SimpleCcitt, unsigned short>(s, 0);
-}
-void BM_CrcCcitt1d0f_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_ccitt_1d0f);
-}
-void BM_CrcCcitt1d0f_SimpleLoop(benchmark::State& s) {
-  runSimple<SimpleCcitt, unsigned short>(s, 0x1D0F);
-}
-void BM_CrcCcittFfff_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_ccitt_ffff);
-}
-void BM_CrcCcittFfff_SimpleLoop(benchmark::State& s) {
-  runSimple<SimpleCcitt, unsigned short>(s, 0xFFFF);
-}
-void BM_CrcDnp_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_dnp);
-}
-void BM_CrcDnp_SimpleLoop(benchmark::State& s) {
-  runSimple<SimpleDnp, unsigned short>(s, 0);
-}
-void BM_CrcKermit_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_kermit);
-}
-void BM_CrcKermit_SimpleLoop(benchmark::State& s) {
-  runSimple<SimpleKermit, unsigned short>(s, 0);
-}
+BENCHMARK_CAPTURE(Library, Crc8, &CheckSum::crc_8);
+BENCHMARK_CAPTURE(SimpleLoop, Crc8, &kSimple8, 0);
+BENCHMARK_CAPTURE(Library, Crc16, &CheckSum::crc_16);
+BENCHMARK_CAPTURE(SimpleLoop, Crc16, &kSimple16, 0);
+BENCHMARK_CAPTURE(Library, CrcModbus, &CheckSum::crc_modbus);
+BENCHMARK_CAPTURE(SimpleLoop, CrcModbus, &kSimple16, 0xFFFF);
+BENCHMARK_CAPTURE(Library, Crc32, &CheckSum::crc_32);
+BENCHMARK_CAPTURE(SimpleLoop, Crc32, &kSimple32, 0xFFFFFFFF);
+BENCHMARK_CAPTURE(Library, Crc64Ecma, &CheckSum::crc_64_ecma);
+BENCHMARK_CAPTURE(SimpleLoop, Crc64Ecma, &kSimple64, 0);
+BENCHMARK_CAPTURE(Library, Crc64We, &CheckSum::crc_64_we);
+BENCHMARK_CAPTURE(SimpleLoop, Crc64We, &kSimple64, ~0ULL);
+BENCHMARK_CAPTURE(Library, CrcXmodem, &CheckSum::crc_xmodem);
+BENCHMARK_CAPTURE(SimpleLoop, CrcXmodem, &kSimpleCcitt, 0);
+BENCHMARK_CAPTURE(Library, CrcCcitt1d0f, &CheckSum::crc_ccitt_1d0f);
+BENCHMARK_CAPTURE(SimpleLoop, CrcCcitt1d0f, &kSimpleCcitt, 0x1D0F);
+BENCHMARK_CAPTURE(Library, CrcCcittFfff, &CheckSum::crc_ccitt_ffff);
+BENCHMARK_CAPTURE(SimpleLoop, CrcCcittFfff, &kSimpleCcitt, 0xFFFF);
+BENCHMARK_CAPTURE(Library, CrcDnp, &CheckSum::crc_dnp);
+BENCHMARK_CAPTURE(SimpleLoop, CrcDnp, &kSimpleDnp, 0);
+BENCHMARK_CAPTURE(Library, CrcKermit, &CheckSum::crc_kermit);
+BENCHMARK_CAPTURE(SimpleLoop, CrcKermit, &kSimpleKermit, 0);
 // The bitwise check, for reference (it has no table).
-void BM_CrcSick_Library(benchmark::State& s) {
-  runLibrary(s, &CheckSum::crc_sick);
-}
+BENCHMARK_CAPTURE(Library, CrcSick, &CheckSum::crc_sick);
 
 // Folding through the exported byte step, for reference: one call per byte.
 void BM_Crc32_UpdateStepPerByte(benchmark::State& state) {
@@ -198,31 +153,7 @@ void BM_Crc32_UpdateStepPerByte(benchmark::State& state) {
   }
   setRate(state);
 }
-
-BENCHMARK(BM_Crc8_Library);
-BENCHMARK(BM_Crc8_SimpleLoop);
-BENCHMARK(BM_Crc16_Library);
-BENCHMARK(BM_Crc16_SimpleLoop);
-BENCHMARK(BM_CrcModbus_Library);
-BENCHMARK(BM_CrcModbus_SimpleLoop);
-BENCHMARK(BM_Crc32_Library);
-BENCHMARK(BM_Crc32_SimpleLoop);
 BENCHMARK(BM_Crc32_UpdateStepPerByte);
-BENCHMARK(BM_Crc64Ecma_Library);
-BENCHMARK(BM_Crc64Ecma_SimpleLoop);
-BENCHMARK(BM_Crc64We_Library);
-BENCHMARK(BM_Crc64We_SimpleLoop);
-BENCHMARK(BM_CrcXmodem_Library);
-BENCHMARK(BM_CrcXmodem_SimpleLoop);
-BENCHMARK(BM_CrcCcitt1d0f_Library);
-BENCHMARK(BM_CrcCcitt1d0f_SimpleLoop);
-BENCHMARK(BM_CrcCcittFfff_Library);
-BENCHMARK(BM_CrcCcittFfff_SimpleLoop);
-BENCHMARK(BM_CrcDnp_Library);
-BENCHMARK(BM_CrcDnp_SimpleLoop);
-BENCHMARK(BM_CrcKermit_Library);
-BENCHMARK(BM_CrcKermit_SimpleLoop);
-BENCHMARK(BM_CrcSick_Library);
 
 #ifdef VELMORA_BENCH_HAVE_ZLIB
 void BM_Crc32_Zlib(benchmark::State& state) {
