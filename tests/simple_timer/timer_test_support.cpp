@@ -1,6 +1,5 @@
 #include "timer_test_support.h"
 
-#include <dirent.h>
 #include <time.h>
 
 #include <cstdio>
@@ -148,19 +147,6 @@ int64_t monotonicNanoseconds() {
   timespec now = {0, 0};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<int64_t>(now.tv_sec) * 1000000000LL + now.tv_nsec;
-}
-
-int threadCount() {
-  DIR* tasks = opendir("/proc/self/task");
-  if (tasks == nullptr) {
-    return -1;
-  }
-  int count = 0;
-  while (dirent* entry = readdir(tasks)) {
-    count += entry->d_name[0] != '.' ? 1 : 0;
-  }
-  closedir(tasks);
-  return count;
 }
 
 long threadCpuTicks(int tid) {

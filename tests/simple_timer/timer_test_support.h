@@ -68,9 +68,6 @@ class Counter {
 // Monotonic now in nanoseconds.
 int64_t monotonicNanoseconds();
 
-// The number of threads of this process.
-int threadCount();
-
 // User plus system CPU time of one thread of this process, in clock ticks.
 long threadCpuTicks(int tid);
 

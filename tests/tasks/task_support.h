@@ -13,6 +13,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -60,6 +61,21 @@ inline int gettid() {
 // Whether a kernel thread of this process still exists.
 inline bool threadExists(int tid) {
   return access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) == 0;
+}
+
+// Whether a kernel thread of this process is gone within `timeout`. A join returns once the
+// kernel has cleared the thread's id, a moment before its entry leaves /proc (under qemu-user a
+// noticeable moment), and nothing announces that, so this polls until the deadline.
+inline bool threadEndsWithin(int tid,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (threadExists(tid)) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
 }
 
 // A task whose body is a function; ids may be set as a derived task would.

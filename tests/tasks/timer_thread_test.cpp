@@ -475,7 +475,7 @@ TEST_F(TimerThreadTest, DestroyingWithPendingTasksRunsNoneReleasesAllAndJoinsThe
   EXPECT_EQ(runs.load(), 0);
   EXPECT_TRUE(LoggedOnce(kCritical, line(343, "run", "Exiting Timer Thread...\n")));
   EXPECT_TRUE(LoggedOnce(kVerbose, line(49, "stop", "Wakeup worker\n")));
-  EXPECT_FALSE(velmora::testing::threadExists(worker));
+  EXPECT_TRUE(velmora::testing::threadEndsWithin(worker));
 }
 
 TEST_F(TimerThreadTest, StopJoinsTheWorkerAndALaterPostStartsANewOne) {
@@ -485,7 +485,7 @@ TEST_F(TimerThreadTest, StopJoinsTheWorkerAndALaterPostStartsANewOne) {
   ASSERT_TRUE(first.wait());
   const int worker = thread.threadId();
   thread.stop();
-  EXPECT_FALSE(velmora::testing::threadExists(worker));
+  EXPECT_TRUE(velmora::testing::threadEndsWithin(worker));
   EXPECT_TRUE(LoggedOnce(kCritical, line(343, "run", "Exiting Timer Thread...\n")));
   EXPECT_TRUE(LoggedOnce(kVerbose, line(49, "stop", "Wakeup worker\n")));
   // The released thread record stops once more (without a thread) before joining.
