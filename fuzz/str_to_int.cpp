@@ -4,26 +4,17 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "base/utils.h"
+#include "support/conversion_check.h"
 #include "support/fuzz_check.h"
 #include "support/log_sink.h"
 
-namespace {
-
-using velmora::fuzzing::conversionFailureLine;
-using velmora::fuzzing::countEndingWith;
 using velmora::fuzzing::escaped;
-
-constexpr int kLevelError = 1000;
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider provider(data, size);
@@ -42,18 +33,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const long long parsed = usableBase ? strtoll(text.c_str(), &end, base) : 0;
   const int error = errno;
 
-  long long expected = parsed;
-  std::string message;
-  if (text.empty()) {
-    expected = fallback;
-    message = "Invalid argument\n";
-  } else if (end == text.c_str()) {
-    expected = fallback;
-    message = "Invalid argument.\n";
-  } else if (error != 0) {
-    expected = fallback;
-    message = conversionFailureLine(" Conversion failed: %d ( %s )  [%s] \n", error, text);
-  }
+  const std::string message = velmora::fuzzing::expectedConversionLine(
+      text, end, error, " Conversion failed: %d ( %s )  [%s] \n");
+  const long long expected = message.empty() ? parsed : fallback;
 
   velmora::fuzzing::clearLog();
   const long long result = velmora::base::strToInt(text, base, fallback);
@@ -61,12 +43,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                              std::to_string(fallback) + ") gave " + std::to_string(result) +
                              ", expected " + std::to_string(expected);
   FUZZ_CHECK(result == expected, detail);
-  const std::size_t lines = velmora::fuzzing::loggedLines().size();
-  if (message.empty()) {
-    FUZZ_CHECK(lines == 0, detail + " with no log line");
-  } else {
-    FUZZ_CHECK(lines == 1 && countEndingWith(kLevelError, message) == 1,
-               detail + " with the one error line \"" + escaped(message) + "\"");
-  }
+  velmora::fuzzing::checkConversionLog(message, detail);
   return 0;
 }

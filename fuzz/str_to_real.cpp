@@ -7,22 +7,18 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "base/utils.h"
+#include "support/conversion_check.h"
 #include "support/fuzz_check.h"
 #include "support/log_sink.h"
 
 namespace {
 
-using velmora::fuzzing::conversionFailureLine;
-using velmora::fuzzing::countEndingWith;
 using velmora::fuzzing::escaped;
-
-constexpr int kLevelError = 1000;
 
 // Equal as values, or both NaN (strtod gives NaN for "nan").
 bool sameReal(double a, double b) {
@@ -48,30 +44,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const double parsed = strtod(text.c_str(), &end);
   const int error = errno;
 
-  double expected = parsed;
-  std::string message;
-  if (text.empty()) {
-    expected = fallback;
-    message = "Invalid argument\n";
-  } else if (end == text.c_str()) {
-    expected = fallback;
-    message = "Invalid argument.\n";
-  } else if (error != 0) {
-    expected = fallback;
-    message = conversionFailureLine("Conversion failed: %d ( %s )  [%s]\n", error, text);
-  }
+  const std::string message = velmora::fuzzing::expectedConversionLine(
+      text, end, error, "Conversion failed: %d ( %s )  [%s]\n");
+  const double expected = message.empty() ? parsed : fallback;
 
   velmora::fuzzing::clearLog();
   const double result = velmora::base::strToReal(text, fallback);
   const std::string detail = "strToReal(\"" + escaped(text) + "\", " + show(fallback) + ") gave " +
                              show(result) + ", expected " + show(expected);
   FUZZ_CHECK(sameReal(result, expected), detail);
-  const std::size_t lines = velmora::fuzzing::loggedLines().size();
-  if (message.empty()) {
-    FUZZ_CHECK(lines == 0, detail + " with no log line");
-  } else {
-    FUZZ_CHECK(lines == 1 && countEndingWith(kLevelError, message) == 1,
-               detail + " with the one error line \"" + escaped(message) + "\"");
-  }
+  velmora::fuzzing::checkConversionLog(message, detail);
   return 0;
 }

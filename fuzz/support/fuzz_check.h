@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 namespace velmora {
@@ -25,16 +24,6 @@ inline std::string escaped(const std::string& text) {
     }
   }
   return out;
-}
-
-// The text of a number parser's conversion-failure line: pattern takes the errno value, its
-// strerror text and the input text.
-inline std::string conversionFailureLine(const char* pattern, int error, const std::string& text) {
-  const int length = snprintf(nullptr, 0, pattern, error, strerror(error), text.c_str());
-  std::string line(static_cast<std::size_t>(length) + 1, '\0');
-  snprintf(&line[0], line.size(), pattern, error, strerror(error), text.c_str());
-  line.resize(static_cast<std::size_t>(length));
-  return line;
 }
 
 [[noreturn]] inline void failCheck(const char* file, int line, const char* condition,
