@@ -59,6 +59,20 @@ class StampTask : public TimerTaskBase {
   std::atomic<int64_t>& started_;
 };
 
+// Waits for the receiver to stamp `started` (clock ticks) and records the time from `posted` to
+// that stamp, as the iteration's time and in microseconds.
+void recordHandOff(benchmark::State& state, Clock::time_point posted,
+                   const std::atomic<int64_t>& started, std::vector<double>& latencies) {
+  int64_t stamp = 0;
+  while ((stamp = started.load(std::memory_order_acquire)) == 0) {
+    std::this_thread::yield();
+  }
+  const double seconds =
+      std::chrono::duration<double>(Clock::time_point(Clock::duration(stamp)) - posted).count();
+  state.SetIterationTime(seconds);
+  latencies.push_back(seconds * 1e6);
+}
+
 void BM_HandOffToIdleTimerThread(benchmark::State& state) {
   TimerThread thread;
   std::atomic<int64_t> started{0};
@@ -70,14 +84,7 @@ void BM_HandOffToIdleTimerThread(benchmark::State& state) {
     task->setNextFireTime(monotonicNow());
     const Clock::time_point posted = Clock::now();
     thread.postTask(task);
-    int64_t stamp = 0;
-    while ((stamp = started.load(std::memory_order_acquire)) == 0) {
-      std::this_thread::yield();
-    }
-    const double seconds =
-        std::chrono::duration<double>(Clock::time_point(Clock::duration(stamp)) - posted).count();
-    state.SetIterationTime(seconds);
-    latencies.push_back(seconds * 1e6);
+    recordHandOff(state, posted, started, latencies);
   }
   reportLatencies(state, latencies);
 }
@@ -111,14 +118,7 @@ void BM_HandOffBareConditionVariable(benchmark::State& state) {
       ready = true;
     }
     cond.notify_one();
-    int64_t stamp = 0;
-    while ((stamp = started.load(std::memory_order_acquire)) == 0) {
-      std::this_thread::yield();
-    }
-    const double seconds =
-        std::chrono::duration<double>(Clock::time_point(Clock::duration(stamp)) - posted).count();
-    state.SetIterationTime(seconds);
-    latencies.push_back(seconds * 1e6);
+    recordHandOff(state, posted, started, latencies);
   }
   {
     std::lock_guard<std::mutex> lock(mutex);

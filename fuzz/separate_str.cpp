@@ -14,6 +14,7 @@
 namespace {
 
 using velmora::fuzzing::escaped;
+using velmora::fuzzing::escapedList;
 
 std::vector<std::string> expectedFields(const std::string& text, const std::string& delims) {
   std::vector<std::string> fields;
@@ -25,14 +26,6 @@ std::vector<std::string> expectedFields(const std::string& text, const std::stri
   }
   fields.push_back(text.substr(start));
   return fields;
-}
-
-std::string show(const std::vector<std::string>& pieces) {
-  std::string text = "{";
-  for (const std::string& piece : pieces) {
-    text += "\"" + escaped(piece) + "\" ";
-  }
-  return text + "}";
 }
 
 }  // namespace
@@ -50,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<std::string> initial = out;
   const int result = velmora::base::separateStr(text, delims, out);
   const std::string detail = "separateStr(\"" + escaped(text) + "\", \"" + escaped(delims) +
-                             "\") gave " + std::to_string(result) + " and " + show(out);
+                             "\") gave " + std::to_string(result) + " and " + escapedList(out);
 
   if (text.find_first_of(delims) == std::string::npos) {
     FUZZ_CHECK(result == -1, detail);
@@ -61,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<std::string> fields = expectedFields(text, delims);
   expected.insert(expected.end(), fields.begin(), fields.end());
   FUZZ_CHECK(result == 0, detail);
-  FUZZ_CHECK(out == expected, detail + ", expected " + show(expected));
+  FUZZ_CHECK(out == expected, detail + ", expected " + escapedList(expected));
 
   std::string joined;
   std::size_t delimiter = text.find_first_of(delims);

@@ -14,6 +14,7 @@
 namespace {
 
 using velmora::fuzzing::escaped;
+using velmora::fuzzing::escapedList;
 
 std::vector<std::string> expectedPieces(const std::string& text, const std::string& delims) {
   std::vector<std::string> pieces;
@@ -40,14 +41,6 @@ std::vector<std::string> expectedPieces(const std::string& text, const std::stri
   return pieces;
 }
 
-std::string show(const std::vector<std::string>& pieces) {
-  std::string text = "{";
-  for (const std::string& piece : pieces) {
-    text += "\"" + escaped(piece) + "\" ";
-  }
-  return text + "}";
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -58,7 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<std::string> pieces = velmora::base::strSplit(text, delims);
   const std::vector<std::string> expected = expectedPieces(text, delims);
   const std::string detail = "strSplit(\"" + escaped(text) + "\", \"" + escaped(delims) +
-                             "\") gave " + show(pieces) + ", expected " + show(expected);
+                             "\") gave " + escapedList(pieces) + ", expected " +
+                             escapedList(expected);
   FUZZ_CHECK(pieces == expected, detail);
   for (const std::string& piece : pieces) {
     FUZZ_CHECK(!piece.empty() && piece.find_first_of(delims) == std::string::npos, detail);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace velmora {
 namespace fuzzing {
@@ -24,6 +25,15 @@ inline std::string escaped(const std::string& text) {
     }
   }
   return out;
+}
+
+// A printable form of a list of byte strings: each escaped and quoted, in braces.
+inline std::string escapedList(const std::vector<std::string>& pieces) {
+  std::string text = "{";
+  for (const std::string& piece : pieces) {
+    text += "\"" + escaped(piece) + "\" ";
+  }
+  return text + "}";
 }
 
 [[noreturn]] inline void failCheck(const char* file, int line, const char* condition,
