@@ -60,6 +60,7 @@
 #include "base/timer/timer_task.h"
 #include "base/timer/timer_thread.h"
 #include "base/timer/timer_thread_pool.h"
+#include "counted_heap.h"
 #include "vex_debug.h"
 
 // Sanitizer run-times keep freed memory in quarantine and grow their own tables: the resident
@@ -80,75 +81,6 @@ namespace st = velmora::base::simple_timer;
 namespace tm_ = velmora::base::timer;
 
 using Clock = std::chrono::steady_clock;
-
-// ---------------------------------------------------------------------------------------------
-// Heap accounting: every operator new/delete of the process (the library's included) passes
-// here. A 16-byte header keeps each block's size.
-
-namespace {
-
-std::atomic<long long> g_liveBytes{0};
-std::atomic<long long> g_liveBlocks{0};
-constexpr std::size_t kHeader = 16;
-
-void* countedAllocate(std::size_t size) {
-  void* block = malloc(size + kHeader);
-  if (block == nullptr) {
-    return nullptr;
-  }
-  *static_cast<std::size_t*>(block) = size;
-  g_liveBytes.fetch_add(static_cast<long long>(size), std::memory_order_relaxed);
-  g_liveBlocks.fetch_add(1, std::memory_order_relaxed);
-  return static_cast<char*>(block) + kHeader;
-}
-
-void countedFree(void* pointer) {
-  if (pointer == nullptr) {
-    return;
-  }
-  void* block = static_cast<char*>(pointer) - kHeader;
-  g_liveBytes.fetch_sub(static_cast<long long>(*static_cast<std::size_t*>(block)),
-                        std::memory_order_relaxed);
-  g_liveBlocks.fetch_sub(1, std::memory_order_relaxed);
-  free(block);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  void* pointer = countedAllocate(size);
-  if (pointer == nullptr) {
-    throw std::bad_alloc();
-  }
-  return pointer;
-}
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return countedAllocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return countedAllocate(size);
-}
-void operator delete(void* pointer) noexcept {
-  countedFree(pointer);
-}
-void operator delete[](void* pointer) noexcept {
-  countedFree(pointer);
-}
-void operator delete(void* pointer, std::size_t) noexcept {
-  countedFree(pointer);
-}
-void operator delete[](void* pointer, std::size_t) noexcept {
-  countedFree(pointer);
-}
-void operator delete(void* pointer, const std::nothrow_t&) noexcept {
-  countedFree(pointer);
-}
-void operator delete[](void* pointer, const std::nothrow_t&) noexcept {
-  countedFree(pointer);
-}
 
 // ---------------------------------------------------------------------------------------------
 // The platform's output calls: lines are counted by level; error lines (level 1000) are kept
@@ -951,7 +883,8 @@ int main(int argc, char** argv) {
     while (!g_stopLoad.load()) {
       const double at = secondsSince(start);
       if (at >= next && samples.size() < samples.capacity()) {
-        samples.push_back({at, g_liveBytes.load(), g_liveBlocks.load(), residentBytes()});
+        samples.push_back(
+            {at, velmora::soak::liveHeapBytes(), velmora::soak::liveHeapBlocks(), residentBytes()});
         next = at + step;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -1072,7 +1005,7 @@ int main(int argc, char** argv) {
   printf("  resident set:      first part %.2f-%.2f MiB, last part %.2f-%.2f MiB%s\n",
          mib(first.minRss), mib(first.maxRss), mib(last.minRss), mib(last.maxRss),
          rssMeaningful ? "" : " (reported only)");
-  printf("  live blocks now:   %lld\n", g_liveBlocks.load());
+  printf("  live blocks now:   %lld\n", velmora::soak::liveHeapBlocks());
   const int violations = g_violations.load();
   printf("soak: %s (%d violations)\n", violations == 0 ? "PASSED" : "FAILED", violations);
   fflush(stdout);
