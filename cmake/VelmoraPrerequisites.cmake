@@ -16,13 +16,20 @@ function(velmora_require_library name package result)
   endif()
 endfunction()
 
-if(CMAKE_CROSSCOMPILING AND VELMORA_TARGET_SYSROOT)
-  execute_process(
-    COMMAND "${PROJECT_SOURCE_DIR}/tools/armhf-sysroot.sh" "${VELMORA_TARGET_SYSROOT}"
-    RESULT_VARIABLE _velmora_sysroot_result)
-  if(NOT _velmora_sysroot_result EQUAL 0)
-    message(FATAL_ERROR "Could not unpack the target's libuuid into ${VELMORA_TARGET_SYSROOT}: "
-      "tools/armhf-sysroot.sh needs Debian's armhf packages uuid-dev:armhf and libuuid1:armhf.")
+# A cross build looks for the target's libuuid in the toolchain's search roots: a device SDK's
+# sysroot (CMAKE_SYSROOT) or the folder VELMORA_TARGET_SYSROOT. When that folder lacks it,
+# tools/armhf-sysroot.sh fills it from Debian's armhf packages, without touching the host's apt.
+if(CMAKE_CROSSCOMPILING AND VELMORA_TARGET_SYSROOT AND NOT CMAKE_SYSROOT)
+  find_path(VELMORA_UUID_INCLUDE_DIR uuid/uuid.h)
+  if(NOT VELMORA_UUID_INCLUDE_DIR)
+    unset(VELMORA_UUID_INCLUDE_DIR CACHE)
+    execute_process(
+      COMMAND "${PROJECT_SOURCE_DIR}/tools/armhf-sysroot.sh" "${VELMORA_TARGET_SYSROOT}"
+      RESULT_VARIABLE _velmora_sysroot_result)
+    if(NOT _velmora_sysroot_result EQUAL 0)
+      message(FATAL_ERROR "Could not unpack the target's libuuid into ${VELMORA_TARGET_SYSROOT}: "
+        "tools/armhf-sysroot.sh needs Debian's armhf packages uuid-dev:armhf and libuuid1:armhf.")
+    endif()
   endif()
 endif()
 
