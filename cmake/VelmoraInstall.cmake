@@ -7,6 +7,13 @@ set(VELMORA_CMAKE_PACKAGE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/VelmoraBase")
 install(TARGETS base_utils EXPORT VelmoraBaseTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# Installed elsewhere, the library finds the stand-in beside it through RUNPATH $ORIGIN; under
+# /usr (or /) the loader's own search does, and a system library carries no RUNPATH.
+install(CODE "
+  if(CMAKE_INSTALL_PREFIX MATCHES \"^/(usr/?)?$\")
+    file(RPATH_REMOVE FILE
+      \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:base_utils>\")
+  endif()")
 install(DIRECTORY src/base_utils/pubinc/base DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
 
@@ -26,6 +33,11 @@ install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VelmoraBaseConfig.cmake"
   "${CMAKE_CURRENT_BINARY_DIR}/VelmoraBaseConfigVersion.cmake"
   DESTINATION ${VELMORA_CMAKE_PACKAGE_DIR})
 
-configure_file(cmake/velmora-base.pc.in "${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc" @ONLY)
+# The pkg-config file names the prefix of the install itself (given at install time with --prefix
+# or at configure time), so that PKG_CONFIG_SYSROOT_DIR re-roots it in a staged or target tree.
+set(VELMORA_PC_PREFIX "@CMAKE_INSTALL_PREFIX@")
+configure_file(cmake/velmora-base.pc.in "${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc.in" @ONLY)
+install(CODE "configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc.in\"
+  \"${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc\" @ONLY)")
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc"
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
