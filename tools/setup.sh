@@ -25,7 +25,6 @@ declare -A reason=(
   [libbenchmark-dev]="Google Benchmark, for the programs in bench/"
   [g++-arm-linux-gnueabihf]="the cross compiler for the 32-bit ARM device"
   [qemu-user]="qemu-arm, which runs the armhf tests"
-  [ca-certificates]="lets apt fetch the target's packages for the armhf sysroot"
   [clang]="the clang builds and the fuzz targets"
   [libclang-rt-14-dev]="clang's sanitizer and libFuzzer run-times"
   [doxygen]="the API reference"
@@ -35,7 +34,7 @@ declare -A reason=(
 declare -A group=(
   [base]="cmake g++ make uuid-dev pkg-config googletest zlib1g-dev libssl-dev"
   [bench]="libbenchmark-dev zlib1g-dev libssl-dev"
-  [cross]="g++-arm-linux-gnueabihf qemu-user ca-certificates"
+  [cross]="g++-arm-linux-gnueabihf qemu-user"
   [clang]="clang libclang-rt-14-dev"
   [checks]="doxygen gcovr valgrind"
 )
