@@ -29,9 +29,12 @@ else()
     "Folder holding the target's libraries that the cross toolchain lacks")
   set(VELMORA_CROSS_RUNTIME "/usr/${VELMORA_CROSS_TRIPLE}")
   list(APPEND CMAKE_FIND_ROOT_PATH "${VELMORA_CROSS_RUNTIME}" "${VELMORA_TARGET_SYSROOT}")
+  set(VELMORA_TARGET_LIBRARY_DIR "${VELMORA_TARGET_SYSROOT}/usr/lib/${VELMORA_CROSS_TRIPLE}")
+  # The linker finds the libraries' own dependencies (libuuid) there, as the loader does.
+  set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${VELMORA_TARGET_LIBRARY_DIR}")
+  set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,-rpath-link,${VELMORA_TARGET_LIBRARY_DIR}")
   set(CMAKE_CROSSCOMPILING_EMULATOR
-    qemu-arm -L "${VELMORA_CROSS_RUNTIME}"
-    -E "LD_LIBRARY_PATH=${VELMORA_TARGET_SYSROOT}/usr/lib/${VELMORA_CROSS_TRIPLE}")
+    qemu-arm -L "${VELMORA_CROSS_RUNTIME}" -E "LD_LIBRARY_PATH=${VELMORA_TARGET_LIBRARY_DIR}")
 endif()
 
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
