@@ -150,7 +150,7 @@ TEST(CommandLineDeathTest, UsageListsCallersOptionsWithValueMarksAndAliasesInOrd
   line.AddOption("extra", 'x', true, "Extra value", true, {"more", "plus"});
   line.AddOption("verbose", 'v', true, "Talk more", false, "chatty");
   line.AddOption("quiet", 'q', false, "Talk less", false, nullptr);
-  line.AddOption("level", 'l', false, "Level", true, {"ignored"});
+  line.AddOption("level", 'l', false, "Level", true, "ignored");
   const std::string usage =
       "H\n"
       "-h or --help\n\t\t\tHelp\n"
