@@ -1,6 +1,10 @@
 // File against interposed system calls: the exact open modes, EINTR retries, short transfers and
 // failures after partial progress, lock failures, fstat failures, and descriptors closed exactly
 // once through moves.
+//
+// The interposers define the C library's own symbols, so the inline wrappers that
+// _FORTIFY_SOURCE declares for some of them (read, pread) must not be in scope here.
+#undef _FORTIFY_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>

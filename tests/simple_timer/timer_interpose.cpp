@@ -1,3 +1,6 @@
+// The interposers define the C library's own symbols, so the inline wrappers that
+// _FORTIFY_SOURCE declares for some of them (ppoll, read) must not be in scope here.
+#undef _FORTIFY_SOURCE
 #include "timer_interpose.h"
 
 #include <dlfcn.h>
