@@ -32,6 +32,20 @@ bool startsStatement(const std::string& line) {
          line.find("_GUARD()") != std::string::npos;
 }
 
+// __LINE__ in a statement that spans lines is the line of the macro's name with GCC and the line
+// of the invocation's closing parenthesis with clang.
+size_t printedLineOfStatement(const std::vector<std::string>& lines, size_t start) {
+#if defined(__clang__)
+  size_t index = start;
+  while (index + 1 < lines.size() && lines[index].find(");") == std::string::npos) {
+    ++index;
+  }
+  return index;
+#else
+  return start;
+#endif
+}
+
 }  // namespace
 
 int timerSourceLine(const std::string& anchor, const std::string& fragment) {
@@ -49,7 +63,7 @@ int timerSourceLine(const std::string& anchor, const std::string& fragment) {
   while (index > 0 && !startsStatement(lines[index])) {
     --index;
   }
-  return static_cast<int>(index) + 1;
+  return static_cast<int>(printedLineOfStatement(lines, index)) + 1;
 }
 
 std::string timerLogLine(const std::string& anchor, const std::string& function,
