@@ -19,19 +19,20 @@ namespace event_dispatcher {
 namespace {
 
 // Builds an event with a default parameter. The two objects are allocated without throwing:
-// when either allocation fails the result is empty and nothing is leaked. Only a failure to
-// allocate the shared control block throws, after the event and its parameter have been freed.
+// when either allocation fails the result is empty (no control block either) and nothing is
+// leaked. Only a failure to allocate the shared control block throws, after the event and its
+// parameter have been freed.
 std::shared_ptr<BrowserEvent> createEventRecord(int srcModuleId, int eventType) {
-  std::shared_ptr<BrowserEvent> result;
   EventParam* param = new (std::nothrow) EventParam();
   if (param == nullptr) {
-    return result;
+    return nullptr;
   }
-  result.reset(new (std::nothrow) BrowserEvent(srcModuleId, eventType, param));
-  if (!result) {
+  BrowserEvent* event = new (std::nothrow) BrowserEvent(srcModuleId, eventType, param);
+  if (event == nullptr) {
     delete param;
+    return nullptr;
   }
-  return result;
+  return std::shared_ptr<BrowserEvent>(event);
 }
 
 // The one-sided matching rule: a wildcard entry takes every source, a wildcard key only
