@@ -423,11 +423,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           continue;
         }
         std::vector<CommonValue> elements = {values[source], values[source]};
-        v.setArray(elements);
+        v = elements;
         const Model element = liveOnly(models[source]);
         m.tag = 12;
         m.array = {element, element};
-        what = "setArray from " + std::to_string(source);
+        what = "array assignment from " + std::to_string(source);
         break;
       }
       case 5: {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -22,7 +23,10 @@ namespace {
 
 thread_local bool t_counting = false;
 thread_local long t_allocations = 0;
-thread_local long t_live = 0;
+// The blocks allocated while counting and not freed since (null once freed); blocks made before
+// are not among them, so freeing one of those does not count.
+constexpr int kMaxCounted = 16;
+thread_local void* t_counted[kMaxCounted];
 thread_local int t_fail_plain_at = 0;    // fail this plain allocation of the thread (1 = next)
 thread_local int t_fail_nothrow_at = 0;  // the same for nothrow allocations
 
@@ -64,15 +68,24 @@ bool failThisOne(int& fail_at) {
 }
 
 void counted(void* pointer) {
-  if (pointer != nullptr && t_counting) {
-    ++t_allocations;
-    ++t_live;
+  if (pointer == nullptr || !t_counting) {
+    return;
   }
+  if (t_allocations == kMaxCounted) {
+    fprintf(stderr, "more than %d allocations counted\n", kMaxCounted);
+    abort();
+  }
+  t_counted[t_allocations++] = pointer;
 }
 
 void released(void* pointer) {
-  if (pointer != nullptr && t_counting) {
-    --t_live;
+  if (pointer == nullptr || !t_counting) {
+    return;
+  }
+  for (long i = 0; i < t_allocations; ++i) {
+    if (t_counted[i] == pointer) {
+      t_counted[i] = nullptr;
+    }
   }
 }
 
@@ -137,12 +150,14 @@ class AllocationWindow {
  public:
   AllocationWindow() {
     t_allocations = 0;
-    t_live = 0;
     t_counting = true;
   }
   ~AllocationWindow() { t_counting = false; }
   long allocations() const { return t_allocations; }
-  long live() const { return t_live; }
+  long live() const {
+    return std::count_if(t_counted, t_counted + t_allocations,
+                         [](void* block) { return block != nullptr; });
+  }
 };
 
 class EventAllocationTest : public velmora::testing::LogCaptureTest {
@@ -168,35 +183,37 @@ TEST_F(EventAllocationTest, CreatingAnEventAllocatesParameterEventAndControlBloc
 
 TEST_F(EventAllocationTest, FailedParameterAllocationGivesAnEmptyEvent) {
   EventHub hub(7);
-  bool empty = false;
+  std::shared_ptr<BrowserEvent> event;
   long allocations = 0;
   {
     AllocationWindow window;
     t_fail_nothrow_at = 1;
-    empty = hub.createEvent(3) == nullptr;
+    event = hub.createEvent(3);
     allocations = window.allocations();
   }
-  EXPECT_TRUE(empty);
+  EXPECT_EQ(event, nullptr);
+  EXPECT_EQ(event.use_count(), 0);
   EXPECT_EQ(allocations, 0);
   EXPECT_EQ(LogCapture::entries().size(), 0u);
 }
 
-TEST_F(EventAllocationTest, FailedEventAllocationFreesTheParameter) {
+TEST_F(EventAllocationTest, FailedEventAllocationGivesAnEmptyEventAndFreesTheParameter) {
   EventHub hub(7);
-  bool empty = false;
+  std::shared_ptr<BrowserEvent> event;
   long allocations = 0;
   long live = 0;
   {
     AllocationWindow window;
     t_fail_nothrow_at = 2;
-    empty = hub.createEvent(3) == nullptr;
+    event = hub.createEvent(3);
     allocations = window.allocations();
     live = window.live();
   }
-  EXPECT_TRUE(empty);
-  // The parameter and the control block of the empty result were made, and both freed again.
-  EXPECT_EQ(allocations, 2);
+  EXPECT_EQ(event, nullptr);
+  EXPECT_EQ(event.use_count(), 0) << "an empty result owns no control block";
+  EXPECT_EQ(allocations, 1);  // the parameter, freed again
   EXPECT_EQ(live, 0);
+  EXPECT_EQ(LogCapture::entries().size(), 0u);
 }
 
 TEST_F(EventAllocationTest, FailedControlBlockAllocationThrowsAfterFreeingEventAndParameter) {
@@ -293,6 +310,30 @@ TEST_F(EventAllocationTest, EmptyWakeUpEventStillStopsTheThreadAndIsDroppedLater
   EXPECT_TRUE(handled.waitFor(1));
   hub.onHubUnregistered();
   EXPECT_EQ(any_type_handled.value(), 0);
+}
+
+TEST_F(EventAllocationTest, FailedWakeUpEventAllocationStillStopsTheThreadAndLeavesNothing) {
+  EventHub hub(1);
+  WaitableCount handled;
+  ASSERT_EQ(hub.registerHandler(5, [&](std::shared_ptr<BrowserEvent>) { handled.add(); }), 0);
+  long allocations = 0;
+  long live = 0;
+  {
+    AllocationWindow window;
+    t_fail_nothrow_at = 2;  // the wake-up event itself, after its parameter
+    hub.onHubUnregistered();
+    allocations = window.allocations();
+    live = window.live();
+  }
+  EXPECT_EQ(t_fail_nothrow_at, 0);
+  EXPECT_EQ(allocations, 1);  // the parameter, freed again
+  EXPECT_EQ(live, 0) << "the queued empty wake-up event owns no control block";
+
+  // A new thread drops the empty entry and goes on with real events.
+  ASSERT_EQ(hub.registerHandler(6, EventHandler()), 0);
+  ASSERT_EQ(hub.receiveEvent(hub.createEvent(5)), 0);
+  EXPECT_TRUE(handled.waitFor(1));
+  hub.onHubUnregistered();
 }
 
 }  // namespace

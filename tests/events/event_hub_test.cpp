@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -23,11 +25,21 @@ using velmora::testing::WaitableCount;
 namespace {
 // Counts the joins begun, so a test knows that a stopping thread has set the exit flag.
 WaitableCount g_joins_begun;
+// The number of mutex locks still to fail on this thread, with EINVAL; other threads are spared.
+thread_local int t_failing_locks = 0;
 }  // namespace
 
 extern "C" int pthread_join(pthread_t thread, void** result) {
   g_joins_begun.add();
   return VELMORA_REAL(pthread_join)(thread, result);
+}
+
+extern "C" VELMORA_TEST_INTERPOSER int pthread_mutex_lock(pthread_mutex_t* mutex) {
+  if (t_failing_locks > 0) {
+    --t_failing_locks;
+    return EINVAL;
+  }
+  return VELMORA_REAL(pthread_mutex_lock)(mutex);
 }
 
 namespace {
@@ -433,6 +445,46 @@ TEST_F(EventHubTest, SendEventPassesTheEventOnWithItsSourceUnchanged) {
   ASSERT_TRUE(h.count.waitFor(1));
   EXPECT_EQ(h.snapshot()[0].source, 77);
   ASSERT_EQ(velmora::base::event_dispatcher::evtdispch_unregister_hub(&receiver.hub), 0);
+}
+
+// The error code of the std::system_error that fn throws, or 0 when it returns.
+template <typename Function>
+int systemErrorOf(Function fn) {
+  try {
+    fn();
+  } catch (const std::system_error& error) {
+    return error.code().value();
+  }
+  return 0;
+}
+
+TEST_F(EventHubTest, LockFailureAtRegistrationThrowsSystemErrorAndChangesNothing) {
+  StoppedHub stopped(1);
+  Calls h;
+  t_failing_locks = 1;  // the first lock of the registration: the thread lock
+  EXPECT_EQ(systemErrorOf([&] { stopped.hub.registerHandler(5, h.handler()); }), EINVAL);
+  EXPECT_EQ(t_failing_locks, 0);
+
+  EXPECT_EQ(stopped.hub.receiveEvent(eventFrom(2, 5)), -1) << "no handler was added";
+  stopped.hub.onHubUnregistered();
+  EXPECT_TRUE(LoggedOnce(kLogInfo, kNoThreadLine)) << "no thread was started";
+
+  ASSERT_EQ(stopped.hub.registerHandler(5, h.handler()), 0);
+  ASSERT_EQ(stopped.hub.receiveEvent(eventFrom(2, 5)), 0);
+  EXPECT_TRUE(h.count.waitFor(1));
+}
+
+TEST_F(EventHubTest, LockFailureAtUnregistrationThrowsSystemErrorAndLeavesTheThreadRunning) {
+  StoppedHub stopped(1);
+  Calls h;
+  ASSERT_EQ(stopped.hub.registerHandler(5, h.handler()), 0);
+  t_failing_locks = 1;  // the first lock of the unregistration: the thread lock
+  EXPECT_EQ(systemErrorOf([&] { stopped.hub.onHubUnregistered(); }), EINVAL);
+  EXPECT_EQ(t_failing_locks, 0);
+
+  ASSERT_EQ(stopped.hub.receiveEvent(eventFrom(2, 5)), 0);
+  EXPECT_TRUE(h.count.waitFor(1)) << "the handler thread still runs";
+  EXPECT_TRUE(NotLogged(kNoThreadLine));
 }
 
 using EventHubDeathTest = EventHubTest;

@@ -4,6 +4,10 @@
 # Instantiations of standard-library templates (std::deque<our type>::..., their typeinfo and
 # vtables) are left out: every user of the same templates emits them as weak symbols, they are
 # not part of the library's interface, and which of them appear depends on the optimisation.
+# What counts is the entity's own name, without template arguments and without the return type
+# in front: a member of ours that converts to or returns a standard type (operator std::string,
+# std::vector<T> convertToVectorT<T>) is ours, a standard template returning a type of ours is
+# not.
 execute_process(COMMAND ${NM} -D --defined-only -C ${LIBRARY}
   OUTPUT_VARIABLE nm_output RESULT_VARIABLE nm_result)
 if(NOT nm_result EQUAL 0)
@@ -19,7 +23,13 @@ foreach(line IN LISTS nm_lines)
     string(REGEX REPLACE "^(typeinfo name for|typeinfo for|vtable for|VTT for|guard variable for) "
       "" entity "${name}")
     string(REGEX REPLACE "\\(.*$" "" entity "${entity}")
-    if(NOT entity MATCHES "(^| )(std|__gnu_cxx)::")
+    while(entity MATCHES "<[^<>]*>")
+      string(REGEX REPLACE "<[^<>]*>" "" entity "${entity}")
+    endwhile()
+    string(REGEX REPLACE "<.*$" "" entity "${entity}")
+    string(REGEX REPLACE "::operator .*$" "::operator" entity "${entity}")
+    string(REGEX REPLACE "^.* " "" entity "${entity}")
+    if(NOT entity MATCHES "^(std|__gnu_cxx)::")
       list(APPEND symbols "${name}")
     endif()
   endif()

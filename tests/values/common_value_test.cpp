@@ -18,6 +18,7 @@ using velmora::base::container::Point;
 
 using Texts = std::vector<std::string>;
 using Numbers = std::vector<unsigned int>;
+using Values = std::vector<CommonValue>;
 
 const std::array<int32_t, 4> kReserved = {0, 0, -1, -1};
 
@@ -29,10 +30,23 @@ CommonValue stringValue(const char* text) {
   return CommonValue(std::string(text));
 }
 
+// Every numeric conversion of value gives zero.
+void expectZeroNumbers(const CommonValue& value) {
+  EXPECT_FALSE(static_cast<bool>(value));
+  EXPECT_EQ(0, static_cast<int>(value));
+  EXPECT_EQ(0u, static_cast<unsigned int>(value));
+  EXPECT_EQ(0, static_cast<short>(value));
+  EXPECT_EQ(0u, static_cast<unsigned short>(value));
+  EXPECT_EQ(0LL, static_cast<long long>(value));
+  EXPECT_EQ(0ULL, static_cast<unsigned long long>(value));
+  EXPECT_EQ(0.0f, static_cast<float>(value));
+  EXPECT_EQ(0.0, static_cast<double>(value));
+}
+
 // One value of every tag that converts to zero.
 std::vector<CommonValue> nonNumericValues() {
   return {CommonValue(), CommonValue::makeNull(), stringValue("12"), CommonValue(Point{3, -4}),
-          CommonValue::makeArray({CommonValue(7)})};
+          CommonValue(Values{CommonValue(7)})};
 }
 
 // ---------------------------------------------------------------- tags
@@ -51,7 +65,7 @@ TEST(CommonValueTest, EachConstructorAndSetterSetsItsTag) {
   EXPECT_EQ(9, CommonValue(5.0).type());
   EXPECT_EQ(10, stringValue("5").type());
   EXPECT_EQ(11, CommonValue(Point{5, 5}).type());
-  EXPECT_EQ(12, CommonValue::makeArray({}).type());
+  EXPECT_EQ(12, CommonValue(Values{}).type());
 
   CommonValue value;
   EXPECT_EQ(1, (value = 5).type());
@@ -65,22 +79,14 @@ TEST(CommonValueTest, EachConstructorAndSetterSetsItsTag) {
   EXPECT_EQ(9, (value = 5.0).type());
   EXPECT_EQ(10, (value = std::string("5")).type());
   EXPECT_EQ(11, (value = Point{1, 2}).type());
-  EXPECT_EQ(12, value.setArray({CommonValue(1)}).type());
+  EXPECT_EQ(12, (value = Values{CommonValue(1)}).type());
   EXPECT_EQ(0, value.setNull().type());
 }
 
 TEST(CommonValueTest, DefaultValueIsUndefinedWithZeroConversionsAndText) {
   const CommonValue value;
   EXPECT_EQ(255, value.type());
-  EXPECT_FALSE(static_cast<bool>(value));
-  EXPECT_EQ(0, static_cast<int>(value));
-  EXPECT_EQ(0u, static_cast<unsigned int>(value));
-  EXPECT_EQ(0, static_cast<short>(value));
-  EXPECT_EQ(0u, static_cast<unsigned short>(value));
-  EXPECT_EQ(0LL, static_cast<long long>(value));
-  EXPECT_EQ(0ULL, static_cast<unsigned long long>(value));
-  EXPECT_EQ(0.0f, static_cast<float>(value));
-  EXPECT_EQ(0.0, static_cast<double>(value));
+  expectZeroNumbers(value);
   EXPECT_TRUE(samePoint(Point{0, 0}, static_cast<Point>(value)));
   EXPECT_EQ("Undefined[]", value.convertToStringType());
   EXPECT_EQ("Undefined[]", static_cast<std::string>(value));
@@ -246,15 +252,7 @@ TEST(CommonValueTest, ToDoubleConvertsSignedOrUnsignedByTag) {
 TEST(CommonValueTest, NonNumericTagsConvertToZeroEverywhere) {
   for (const CommonValue& value : nonNumericValues()) {
     SCOPED_TRACE(value.type());
-    EXPECT_FALSE(static_cast<bool>(value));
-    EXPECT_EQ(0, static_cast<int>(value));
-    EXPECT_EQ(0u, static_cast<unsigned int>(value));
-    EXPECT_EQ(0, static_cast<short>(value));
-    EXPECT_EQ(0u, static_cast<unsigned short>(value));
-    EXPECT_EQ(0LL, static_cast<long long>(value));
-    EXPECT_EQ(0ULL, static_cast<unsigned long long>(value));
-    EXPECT_EQ(0.0f, static_cast<float>(value));
-    EXPECT_EQ(0.0, static_cast<double>(value));
+    expectZeroNumbers(value);
   }
 }
 
@@ -314,14 +312,12 @@ TEST(CommonValueTest, TextOfStringPointNullAndUndefined) {
 }
 
 TEST(CommonValueTest, TextOfArraysRecursesWithoutBlanks) {
-  const CommonValue nested = CommonValue::makeArray(
-      {CommonValue(1), CommonValue::makeArray({CommonValue(2), CommonValue(3)}),
-       CommonValue(true)});
+  const CommonValue nested(Values{
+      CommonValue(1), CommonValue(Values{CommonValue(2), CommonValue(3)}), CommonValue(true)});
   EXPECT_EQ("[1,[2,3],TRUE]", nested.convertToStringType());
-  EXPECT_EQ("[]", CommonValue::makeArray({}).convertToStringType());
-  const CommonValue mixed =
-      CommonValue::makeArray({stringValue("x"), CommonValue(Point{1, 2}), CommonValue(),
-                              CommonValue::makeNull(), CommonValue(0.5)});
+  EXPECT_EQ("[]", CommonValue(Values{}).convertToStringType());
+  const CommonValue mixed(Values{stringValue("x"), CommonValue(Point{1, 2}), CommonValue(),
+                                 CommonValue::makeNull(), CommonValue(0.5)});
   EXPECT_EQ("[x,(1,2),Undefined[],null,0.5]", mixed.convertToStringType());
   EXPECT_EQ("[1,[2,3],TRUE]", static_cast<std::string>(nested));
 }
@@ -337,11 +333,10 @@ TEST(CommonValueTest, VectorOfUnsignedFromAScalarHoldsThatValue) {
 }
 
 TEST(CommonValueTest, VectorOfUnsignedFromAnArrayConvertsEachElement) {
-  const CommonValue array =
-      CommonValue::makeArray({CommonValue(1), stringValue("s"), CommonValue(3.7), CommonValue(-1),
-                              CommonValue::makeArray({CommonValue(9)})});
+  const CommonValue array(Values{CommonValue(1), stringValue("s"), CommonValue(3.7),
+                                 CommonValue(-1), CommonValue(Values{CommonValue(9)})});
   EXPECT_EQ(Numbers({1, 0, 3, 4294967295u, 0}), array.convertToVectorT<unsigned int>());
-  EXPECT_EQ(Numbers(), CommonValue::makeArray({}).convertToVectorT<unsigned int>());
+  EXPECT_EQ(Numbers(), CommonValue(Values{}).convertToVectorT<unsigned int>());
   const std::vector<unsigned int> converted = array;
   EXPECT_EQ(Numbers({1, 0, 3, 4294967295u, 0}), converted);
 }
@@ -353,11 +348,94 @@ TEST(CommonValueTest, VectorOfTextsFromAScalarHoldsItsText) {
 }
 
 TEST(CommonValueTest, VectorOfTextsFromAnArrayGivesEachElementsText) {
-  const CommonValue array = CommonValue::makeArray(
-      {CommonValue(true), stringValue("x"), CommonValue::makeArray({CommonValue(1)})});
+  const CommonValue array(
+      Values{CommonValue(true), stringValue("x"), CommonValue(Values{CommonValue(1)})});
   EXPECT_EQ(Texts({"TRUE", "x", "[1]"}), array.convertToVectorT<std::string>());
   const std::vector<std::string> converted = array;
   EXPECT_EQ(Texts({"TRUE", "x", "[1]"}), converted);
+}
+
+// ---------------------------------------------------------------- arrays
+
+TEST(CommonValueTest, ArrayConstructedFromAVectorStartsFromTheDefaultMembers) {
+  const CommonValue array(Values{CommonValue(1), stringValue("two")});
+  EXPECT_EQ(12, array.type());
+  EXPECT_EQ("[1,two]", array.convertToStringType());
+  EXPECT_EQ(2u, array.arrayStorage().size());
+  EXPECT_EQ("", array.textStorage());
+  EXPECT_TRUE(samePoint(Point{0, 0}, array.pointStorage()));
+  EXPECT_EQ(kReserved, array.reservedBlock());
+}
+
+TEST(CommonValueTest, ArrayAssignedFromAVectorLeavesTheOtherMembersInPlace) {
+  CommonValue value = stringValue("abc");
+  value = Point{1, 2};
+  value = 5;
+  value = Values{CommonValue(7), CommonValue(Values{CommonValue(8)})};
+  EXPECT_EQ(12, value.type());
+  EXPECT_EQ("[7,[8]]", value.convertToStringType());
+  EXPECT_EQ("abc", value.textStorage());
+  EXPECT_TRUE(samePoint(Point{1, 2}, value.pointStorage()));
+  EXPECT_EQ(kReserved, value.reservedBlock());
+  value = Values{};
+  EXPECT_EQ("[]", value.convertToStringType());
+  value = 5;
+  EXPECT_EQ(5, static_cast<int>(value)) << "the scalar stayed where it was";
+}
+
+TEST(CommonValueTest, EveryNumericConversionOfAnArrayIsZeroWhateverItsElements) {
+  CommonValue array(-9);
+  array = Values{CommonValue(3), CommonValue(2.5), CommonValue(true)};
+  expectZeroNumbers(array);
+  EXPECT_TRUE(samePoint(Point{0, 0}, static_cast<Point>(array)));
+}
+
+TEST(CommonValueTest, UndefinedValuesInAnArrayShowTheirFallThroughText) {
+  const CommonValue array(Values{CommonValue(), CommonValue(Values{CommonValue()})});
+  EXPECT_EQ("[Undefined[],[Undefined[]]]", array.convertToStringType());
+  EXPECT_EQ(Texts({"Undefined[]", "[Undefined[]]"}), array.convertToVectorT<std::string>());
+  EXPECT_EQ(Numbers({0, 0}), array.convertToVectorT<unsigned int>());
+}
+
+TEST(CommonValueTest, CopyConstructionCopiesTheArrayElementByElement) {
+  CommonValue element = stringValue("hidden");
+  element = 4;
+  Values elements;
+  elements.reserve(2);
+  elements.emplace_back();
+  elements[0] = element;  // copy assignment carries the hidden string along
+  elements.emplace_back(Values{CommonValue(5)});
+  const CommonValue array(std::move(elements));
+  ASSERT_EQ("hidden", array.arrayStorage()[0].textStorage());
+
+  const CommonValue copy(array);
+  EXPECT_EQ("[4,[5]]", copy.convertToStringType());
+  EXPECT_NE(array.arrayStorage().data(), copy.arrayStorage().data());
+  EXPECT_NE(array.arrayStorage()[1].arrayStorage().data(),
+            copy.arrayStorage()[1].arrayStorage().data());
+  EXPECT_EQ("", copy.arrayStorage()[0].textStorage()) << "elements keep their live member only";
+  EXPECT_EQ("hidden", array.arrayStorage()[0].textStorage());
+}
+
+TEST(CommonValueTest, CopyAssignmentCopiesTheArrayAndLeavesTheSourceAlone) {
+  const CommonValue array(Values{CommonValue(1), CommonValue(Values{stringValue("n")})});
+  CommonValue target(Values{CommonValue(9), CommonValue(9), CommonValue(9)});
+  target = array;
+  EXPECT_EQ("[1,[n]]", target.convertToStringType());
+  EXPECT_NE(array.arrayStorage().data(), target.arrayStorage().data());
+  EXPECT_EQ("[1,[n]]", array.convertToStringType());
+}
+
+TEST(CommonValueTest, MoveAssignmentOfAnArrayTakesItsElements) {
+  CommonValue source(Values{CommonValue(1), CommonValue(Values{CommonValue(2)})});
+  const CommonValue* elements = source.arrayStorage().data();
+  CommonValue target(Values{CommonValue(9)});
+  target = std::move(source);
+  EXPECT_EQ(12, target.type());
+  EXPECT_EQ("[1,[2]]", target.convertToStringType());
+  EXPECT_EQ(elements, target.arrayStorage().data());
+  EXPECT_EQ(12, source.type());  // NOLINT(bugprone-use-after-move): the rule under test
+  EXPECT_EQ("[]", source.convertToStringType());
 }
 
 // ---------------------------------------------------------------- setters and storage
@@ -370,7 +448,7 @@ TEST(CommonValueTest, SetterLeavesTheOtherMembersInPlace) {
   EXPECT_EQ("abc", value.textStorage());
   value = Point{1, 2};
   EXPECT_EQ("abc", value.textStorage());
-  value.setArray({CommonValue(1), CommonValue(2)});
+  value = Values{CommonValue(1), CommonValue(2)};
   value = 7u;
   EXPECT_EQ(2u, value.arrayStorage().size());
   EXPECT_EQ("abc", value.textStorage());
@@ -437,8 +515,7 @@ TEST(CommonValueTest, CopyConstructionOfStringPointAndArray) {
   EXPECT_EQ("abc", CommonValue(text).textStorage());
   EXPECT_EQ("abc", text.textStorage());
   EXPECT_EQ("(3,-4)", CommonValue(CommonValue(Point{3, -4})).convertToStringType());
-  const CommonValue array =
-      CommonValue::makeArray({CommonValue(1), CommonValue::makeArray({stringValue("n")})});
+  const CommonValue array(Values{CommonValue(1), CommonValue(Values{stringValue("n")})});
   const CommonValue copy(array);
   EXPECT_EQ("[1,[n]]", copy.convertToStringType());
   EXPECT_EQ("[1,[n]]", array.convertToStringType());
@@ -467,11 +544,14 @@ TEST(CommonValueTest, MoveConstructionStealsTheStringAndLeavesTheSourceTag) {
 }
 
 TEST(CommonValueTest, MoveConstructionStealsTheArray) {
-  CommonValue source = CommonValue::makeArray({CommonValue(1), CommonValue(2)});
+  CommonValue source(Values{CommonValue(1), CommonValue(Values{CommonValue(2)})});
+  const CommonValue* elements = source.arrayStorage().data();
   const CommonValue moved(std::move(source));
-  EXPECT_EQ("[1,2]", moved.convertToStringType());
+  EXPECT_EQ("[1,[2]]", moved.convertToStringType());
+  EXPECT_EQ(elements, moved.arrayStorage().data());
   EXPECT_EQ(12, source.type());  // NOLINT(bugprone-use-after-move)
   EXPECT_EQ("[]", source.convertToStringType());
+  EXPECT_TRUE(source.arrayStorage().empty());
 }
 
 TEST(CommonValueTest, MoveConstructionOfAScalarCopiesOnlyTheLiveMember) {
@@ -492,7 +572,7 @@ TEST(CommonValueTest, MoveConstructionNeverThrows) {
 
 TEST(CommonValueTest, CopyAssignmentCarriesEveryMemberAlong) {
   CommonValue source = stringValue("abc");
-  source.setArray({CommonValue(1)});
+  source = Values{CommonValue(1)};
   source = Point{7, 8};
   source = 3;
   CommonValue target = stringValue("old");
@@ -520,7 +600,7 @@ TEST(CommonValueTest, CopyAssignmentOfEachTag) {
                                            CommonValue(0.25),
                                            stringValue("s"),
                                            CommonValue(Point{1, -1}),
-                                           CommonValue::makeArray({CommonValue(1)}),
+                                           CommonValue(Values{CommonValue(1)}),
                                            CommonValue()};
   for (const CommonValue& value : values) {
     CommonValue target(123);
@@ -531,7 +611,7 @@ TEST(CommonValueTest, CopyAssignmentOfEachTag) {
 }
 
 TEST(CommonValueTest, CopyAssignmentToItselfChangesNothing) {
-  CommonValue value = CommonValue::makeArray({stringValue("x")});
+  CommonValue value(Values{stringValue("x")});
   value = std::string("text");
   CommonValue& same = value;
   value = same;
@@ -540,8 +620,7 @@ TEST(CommonValueTest, CopyAssignmentToItselfChangesNothing) {
 }
 
 TEST(CommonValueTest, CopyAssignmentFromAnElementOfItsOwnArray) {
-  CommonValue value = CommonValue::makeArray(
-      {CommonValue::makeArray({CommonValue(1), CommonValue(2)}), CommonValue(3)});
+  CommonValue value(Values{CommonValue(Values{CommonValue(1), CommonValue(2)}), CommonValue(3)});
   value = value.arrayStorage()[0];
   EXPECT_EQ("[1,2]", value.convertToStringType());
 }
@@ -550,10 +629,10 @@ TEST(CommonValueTest, CopyAssignmentFromAnElementOfItsOwnArray) {
 
 TEST(CommonValueTest, MoveAssignmentTakesArrayAndStringAndCopiesTheRest) {
   CommonValue source = stringValue("abc");
-  source.setArray({CommonValue(1), CommonValue(2)});
+  source = Values{CommonValue(1), CommonValue(2)};
   source = Point{4, 5};
   source = 6;
-  CommonValue target = CommonValue::makeArray({CommonValue(9)});
+  CommonValue target(Values{CommonValue(9)});
   target = std::move(source);
   EXPECT_EQ(1, target.type());
   EXPECT_EQ(6, static_cast<int>(target));
@@ -581,7 +660,7 @@ TEST(CommonValueTest, MoveAssignmentOfEachTag) {
                                      CommonValue(0.25),
                                      stringValue("s"),
                                      CommonValue(Point{1, -1}),
-                                     CommonValue::makeArray({CommonValue(1)}),
+                                     CommonValue(Values{CommonValue(1)}),
                                      CommonValue()};
   for (CommonValue& value : values) {
     const std::string text = value.convertToStringType();
@@ -592,7 +671,7 @@ TEST(CommonValueTest, MoveAssignmentOfEachTag) {
 }
 
 TEST(CommonValueTest, MoveAssignmentToItselfChangesNothing) {
-  CommonValue value = CommonValue::makeArray({CommonValue(1)});
+  CommonValue value(Values{CommonValue(1)});
   value = std::string("kept");
   CommonValue& same = value;
   value = std::move(same);

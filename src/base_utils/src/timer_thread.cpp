@@ -201,6 +201,10 @@ bool TimerThread::isBusy() {
   return busy_.load(std::memory_order_relaxed);
 }
 
+int TimerThread::threadId() const {
+  return threadId_.load(std::memory_order_acquire);
+}
+
 double TimerThread::getNextFiringInterval() {
   double due = 0.0;
   {

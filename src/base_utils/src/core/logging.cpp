@@ -138,8 +138,16 @@ void dump_memory(const char* title, const unsigned char* data, int length) {
   }
 }
 
-std::string dbg_location(const char* file, int line, const char* function) {
+// One definition under two exported names: the plain "dbg_location" that callers declaring it
+// with C linkage link to, and the header's C++ name, an alias of it.
+VELMORA_BASE_EXPORT std::string dbgLocation(const char* file, int line,
+                                            const char* function) __asm__("dbg_location");
+
+std::string dbgLocation(const char* file, int line, const char* function) {
   std::ostringstream stream;
   stream << file << ":" << line << ":" << function << "():";
   return stream.str();
 }
+
+std::string dbg_location(const char* file, int line, const char* function)
+    __attribute__((alias("dbg_location")));

@@ -22,6 +22,22 @@ TimerTaskBase::TimerTaskBase() : nextFireTime_(0.0), sessionId_(nextSessionId())
 
 TimerTaskBase::~TimerTaskBase() = default;
 
+void TimerTaskBase::setNextFireTime(double seconds) {
+  nextFireTime_ = seconds;
+}
+
+double TimerTaskBase::getNextFireTime() const {
+  return nextFireTime_;
+}
+
+int TimerTaskBase::sessionId() const {
+  return sessionId_;
+}
+
+int TimerTaskBase::taskId() const {
+  return taskId_;
+}
+
 TimerExecutionContext::TimerExecutionContext(TimerExecutable* executable)
     : magic_(kAliveMagic), executable_(executable) {}
 

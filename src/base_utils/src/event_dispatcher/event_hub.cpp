@@ -19,19 +19,20 @@ namespace event_dispatcher {
 namespace {
 
 // Builds an event with a default parameter. The two objects are allocated without throwing:
-// when either allocation fails the result is empty and nothing is leaked. Only a failure to
-// allocate the shared control block throws, after the event and its parameter have been freed.
+// when either allocation fails the result is empty (no control block either) and nothing is
+// leaked. Only a failure to allocate the shared control block throws, after the event and its
+// parameter have been freed.
 std::shared_ptr<BrowserEvent> createEventRecord(int srcModuleId, int eventType) {
-  std::shared_ptr<BrowserEvent> result;
   EventParam* param = new (std::nothrow) EventParam();
   if (param == nullptr) {
-    return result;
+    return nullptr;
   }
-  result.reset(new (std::nothrow) BrowserEvent(srcModuleId, eventType, param));
-  if (!result) {
+  BrowserEvent* event = new (std::nothrow) BrowserEvent(srcModuleId, eventType, param);
+  if (event == nullptr) {
     delete param;
+    return nullptr;
   }
-  return result;
+  return std::shared_ptr<BrowserEvent>(event);
 }
 
 // The one-sided matching rule: a wildcard entry takes every source, a wildcard key only
@@ -58,10 +59,10 @@ EventHubImpl::EventHubImpl() : m_exitThread(false) {}
 
 // A hub must be stopped before it goes. Destroying a running thread's std::thread ends the
 // process; that is checked first, since destroying the condition variable the thread waits on
-// (which happens earlier, in member order) would block for ever instead.
+// (which happens earlier, in member order) would block for ever instead. Nothing else can reach
+// the hub any more, so the thread pointer is read without its lock.
 EventHubImpl::~EventHubImpl() {
-  const std::shared_ptr<std::thread> thread = std::atomic_load(&m_thread);
-  if (thread && thread->joinable()) {
+  if (m_thread && m_thread->joinable()) {
     std::terminate();
   }
 }
@@ -73,14 +74,17 @@ bool EventHubImpl::handlerExists(const InnerHandler_t& key) {
 
 int EventHubImpl::registerHandler(int srcModuleId, int eventType, EventHandler handler) {
   InnerHandler_t entry{srcModuleId, eventType, handler};
-  if (!std::atomic_load(&m_thread)) {
+  {
+    // The thread pointer is only ever touched under this lock, so that a failing lock leaves
+    // this call as std::system_error, as every other lock failure of the hub does.
     std::lock_guard<std::mutex> lock(m_threadMutex);
-    if (!std::atomic_load(&m_thread)) {
+    if (!m_thread) {
       m_exitThread.store(false, std::memory_order_relaxed);
-      std::atomic_store(&m_thread, std::shared_ptr<std::thread>(
-                                       new (std::nothrow) std::thread(handleEventTask, this)));
-      if (!std::atomic_load(&m_thread)) {
+      std::thread* thread = new (std::nothrow) std::thread(handleEventTask, this);
+      if (thread == nullptr) {
         EVENT_LOG(kLogError, 106, "Fail to create EventHandlerThread.\n");
+      } else {
+        m_thread.reset(thread);
       }
     }
   }
@@ -111,7 +115,11 @@ int EventHubImpl::receiveEvent(std::shared_ptr<BrowserEvent> event) {
 }
 
 void EventHubImpl::onUnregistered() {
-  std::shared_ptr<std::thread> thread = std::atomic_load(&m_thread);
+  std::shared_ptr<std::thread> thread;
+  {
+    std::lock_guard<std::mutex> lock(m_threadMutex);
+    thread = m_thread;
+  }
   if (!thread) {
     EVENT_LOG(kLogInfo, 144, "Didn't create thread, so need not destroy thread.\n");
     EVENT_LOG(kLogCritical, 145, "Exit onUnregistered.\n");
@@ -126,8 +134,10 @@ void EventHubImpl::onUnregistered() {
       m_queueCond.notify_all();
     }
   }
+  // Joined without the thread lock: the thread's handlers may register handlers themselves.
   thread->join();
-  std::atomic_store(&m_thread, std::shared_ptr<std::thread>());
+  std::lock_guard<std::mutex> lock(m_threadMutex);
+  m_thread.reset();
 }
 
 void EventHubImpl::handleEventTask(EventHubImpl* self) {

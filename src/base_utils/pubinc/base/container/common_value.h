@@ -7,7 +7,7 @@
 ///     velmora::base::container::CommonValue value(42);
 ///     int n = value;             // 42
 ///     std::string text = value;  // "42"
-///     CommonValue list = CommonValue::makeArray({CommonValue(1), CommonValue(true)});
+///     CommonValue list(std::vector<CommonValue>{CommonValue(1), CommonValue(true)});
 ///     list.convertToStringType();  // "[1,TRUE]"
 ///
 /// Deliberate behaviours callers must know:
@@ -21,6 +21,10 @@
 /// - The copy and move constructors copy only the live member; the assignments copy every member.
 /// - There is no constructor from const char*: CommonValue("abc") picks the bool constructor (a
 ///   pointer converts to bool before it converts to std::string); write std::string("abc").
+/// - An array value (tag 12) is made from a std::vector<CommonValue>, by construction or
+///   assignment. Name the vector type: a bare braced list of two or more values is ambiguous
+///   (it could as well build a Point or a string) and does not compile, and CommonValue({a})
+///   is a copy of a, not an array.
 #ifndef VELMORA_BASE_CONTAINER_COMMON_VALUE_H
 #define VELMORA_BASE_CONTAINER_COMMON_VALUE_H
 
@@ -88,6 +92,8 @@ class VELMORA_BASE_EXPORT CommonValue {
   CommonValue(const std::string& value);
   /// Tag 11.
   CommonValue(const Point& value);
+  /// Tag 12, an array holding elements (see the assignment from a vector).
+  CommonValue(std::vector<CommonValue> elements) : CommonValue() { *this = std::move(elements); }
 
   /// Copies the tag and, for tags 1 to 12, the live member only; the reserved block keeps its
   /// initial values.
@@ -129,8 +135,12 @@ class VELMORA_BASE_EXPORT CommonValue {
   /// Setter, tag 11.
   CommonValue& operator=(const Point& value);
 
-  /// Makes this value an array (tag 12) of elements; other members are left as they are.
-  CommonValue& setArray(std::vector<CommonValue> elements) {
+  /// Setter, tag 12: the value becomes an array holding elements. Its text is "[", the
+  /// elements' texts separated by "," and "]" ("[1,[2,3],TRUE]"); convertToVectorT converts it
+  /// element by element; every numeric conversion gives 0. Copies copy the elements, nested
+  /// arrays included; moves take the array over and leave the source's empty. Like the other
+  /// setters it leaves the string, the point and the scalar as they are.
+  CommonValue& operator=(std::vector<CommonValue> elements) {
     m_type = kArray;
     m_array = std::move(elements);
     return *this;
@@ -139,12 +149,6 @@ class VELMORA_BASE_EXPORT CommonValue {
   CommonValue& setNull() {
     m_type = kNull;
     return *this;
-  }
-  /// A new array value (tag 12) of elements.
-  static CommonValue makeArray(std::vector<CommonValue> elements) {
-    CommonValue value;
-    value.setArray(std::move(elements));
-    return value;
   }
   /// A new null value (tag 0), formatted as "null".
   static CommonValue makeNull() {

@@ -86,7 +86,9 @@ class VELMORA_BASE_EXPORT EventHubImpl {
   ///   `"Event handler already exists.\n\n"` (level 1000, line 114; the newline is doubled);
   /// - if no thread results, `"Fail to create EventHandlerThread.\n"` (level 1000, line 106) is
   ///   logged and the handler is still registered;
-  /// - if std::thread throws, the std::system_error propagates and nothing is registered.
+  /// - if std::thread throws, the std::system_error propagates and nothing is registered;
+  /// - a lock that cannot be taken throws std::system_error; when it is the first one, the
+  ///   thread lock, nothing has changed.
   int registerHandler(int srcModuleId, int eventType, EventHandler handler);
   /// registerHandler(kAnyModule, eventType, handler).
   int registerHandler(int eventType, EventHandler handler);
@@ -99,7 +101,8 @@ class VELMORA_BASE_EXPORT EventHubImpl {
   /// Stops and joins the handler thread, leaving queued events in the queue (with a wake-up
   /// event of source and type kAnyModule if the queue was empty). Without a thread it logs
   /// `"Didn't create thread, so need not destroy thread.\n"` (level 4000, line 144) and
-  /// `"Exit onUnregistered.\n"` (level 1, line 145) and returns.
+  /// `"Exit onUnregistered.\n"` (level 1, line 145) and returns. A lock that cannot be taken
+  /// throws std::system_error; when it is the first one, the thread lock, nothing has changed.
   void onUnregistered();
 
   /// The handler thread's body: pops events in arrival order and runs the first matching entry
@@ -115,7 +118,7 @@ class VELMORA_BASE_EXPORT EventHubImpl {
  private:
   std::mutex m_threadMutex;
   std::atomic<bool> m_exitThread;
-  std::shared_ptr<std::thread> m_thread;  // read and written through std::atomic_load/store
+  std::shared_ptr<std::thread> m_thread;  // guarded by m_threadMutex
   std::mutex m_queueMutex;
   std::condition_variable m_queueCond;
   std::queue<std::shared_ptr<BrowserEvent>> m_eventQueue;

@@ -50,13 +50,13 @@ class VELMORA_BASE_EXPORT TimerTaskBase {
   virtual void execute() = 0;
 
   /// Sets the absolute due time in monotonic seconds (0.0 means unset or cancelled).
-  void setNextFireTime(double seconds) { nextFireTime_ = seconds; }
+  void setNextFireTime(double seconds);
   /// The absolute due time in monotonic seconds; 0.0 when unset or cancelled.
-  double getNextFireTime() const { return nextFireTime_; }
+  double getNextFireTime() const;
   /// The group key of TimerThread::cancelTaskBySessionId.
-  int sessionId() const { return sessionId_; }
+  int sessionId() const;
   /// The key of TimerThread::cancelTaskByTaskId; 0 unless a derived class sets it.
-  int taskId() const { return taskId_; }
+  int taskId() const;
 
  protected:
   double nextFireTime_;  ///< due time, absolute monotonic seconds; 0.0 unset or cancelled

@@ -129,7 +129,7 @@ class VELMORA_BASE_EXPORT TimerThread {
   /// True while the worker is inside a task body.
   bool isBusy();
   /// The worker's kernel thread id, -1 before it has started.
-  int threadId() const { return threadId_.load(std::memory_order_acquire); }
+  int threadId() const;
 
   /// The worker loop; runs on the worker thread only. Logs `"Starting Timer Task Thread\n"`
   /// (level 5000, line 274) and, when stopped, `"Exiting Timer Thread...\n"` (level 1, line
