@@ -34,16 +34,19 @@ bool startsStatement(const std::string& line) {
 
 // __LINE__ in a statement that spans lines is the line of the macro's name with GCC and the line
 // of the invocation's closing parenthesis with clang.
-size_t printedLineOfStatement(const std::vector<std::string>& lines, size_t start) {
 #if defined(__clang__)
+constexpr bool kLineOfClosingParenthesis = true;
+#else
+constexpr bool kLineOfClosingParenthesis = false;
+#endif
+
+size_t printedLineOfStatement(const std::vector<std::string>& lines, size_t start) {
   size_t index = start;
-  while (index + 1 < lines.size() && lines[index].find(");") == std::string::npos) {
+  while (kLineOfClosingParenthesis && index + 1 < lines.size() &&
+         lines[index].find(");") == std::string::npos) {
     ++index;
   }
   return index;
-#else
-  return start;
-#endif
 }
 
 }  // namespace
