@@ -34,22 +34,22 @@ bool platformWants(const LogFrame& frame) {
   return vexDebugCheckLevelGetFrameAndChunk(&copy) != 0;
 }
 
+// A line whose level the platform refuses costs the three checks and nothing else: the
+// prefix's pieces (the base name above all, a scan of the whole path) are worked out only when
+// the prefix is written.
 void printLogLine(unsigned int level_index, const char* tag, const char* file, int line,
                   const char* function, const char* format, va_list args) {
-  tag = tag ? tag : "";
-  file = file ? file : "";
-  function = function ? function : "";
   if (format == nullptr) {
     return;
   }
   const unsigned int level = levelForIndex(level_index);
-  const char* base_name = blog_base_name(file);
   if (level > kHighestEmittedLevel) {
     return;
   }
   const LogFrame frame = {static_cast<uint16_t>(level), kLogModule, 0, 0};
   if (platformWants(frame)) {
-    vexDebugOutput0("[%s]%s:%d:%s:", tag, base_name, line, function);
+    vexDebugOutput0("[%s]%s:%d:%s:", tag ? tag : "", blog_base_name(file ? file : ""), line,
+                    function ? function : "");
   }
   if (platformWants(frame)) {
     vexDebugOutputV(format, args);
