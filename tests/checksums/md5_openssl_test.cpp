@@ -51,4 +51,30 @@ TEST(Md5OpenSslTest, EqualsOpenSslOnOneMebibyteInOnePiece) {
   EXPECT_EQ(md5.finalize().binDigest(), opensslDigest(data));
 }
 
+TEST(Md5OpenSslTest, EqualsOpenSslWhenTheBitCountOutgrowsItsLowWord) {
+  // 2^29 bytes and a few more: 2^32 bits and more, so the count's high word is 1 when it is
+  // appended, low word first.
+  std::mt19937 random(47);
+  std::vector<unsigned char> chunk(1 << 20);
+  for (auto& byte : chunk) {
+    byte = static_cast<unsigned char>(random());
+  }
+  EVP_MD_CTX* context = EVP_MD_CTX_new();
+  ASSERT_NE(context, nullptr);
+  EVP_DigestInit_ex(context, EVP_md5(), nullptr);
+  MD5 md5;
+  const size_t kChunks = (size_t{1} << 29) / chunk.size();
+  for (size_t i = 0; i < kChunks; ++i) {
+    md5.update(chunk.data(), static_cast<unsigned int>(chunk.size()));
+    EVP_DigestUpdate(context, chunk.data(), chunk.size());
+  }
+  md5.update(chunk.data(), 5);
+  EVP_DigestUpdate(context, chunk.data(), 5);
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  EVP_DigestFinal_ex(context, digest, &length);
+  EVP_MD_CTX_free(context);
+  EXPECT_EQ(md5.finalize().binDigest(), std::string(reinterpret_cast<const char*>(digest), length));
+}
+
 }  // namespace

@@ -88,6 +88,17 @@ TEST(Md5Test, MillionAsInPiecesOf1_63_64_65AndOneGiveTheSameDigest) {
   }
 }
 
+TEST(Md5Test, BlocksReadFromAnyAddressGiveTheSameDigest) {
+  // Whole blocks are read straight from the caller's data, at whatever alignment it has.
+  const std::string text(1000000, 'a');
+  for (size_t misalignment = 1; misalignment < 8; ++misalignment) {
+    const std::string shifted = std::string(misalignment, 'x') + text;
+    MD5 md5;
+    md5.update(shifted.data() + misalignment, static_cast<unsigned int>(text.size()));
+    EXPECT_EQ(md5.finalize().hexDigest(), "7707d6ae4e027c70eea2a935c2296f21") << misalignment;
+  }
+}
+
 TEST(Md5Test, BinDigestHasSixteenBytesThatMayIncludeNul) {
   // Search deterministically for an input whose digest holds a zero byte.
   for (int i = 0; i < 10000; ++i) {

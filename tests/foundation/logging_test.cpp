@@ -155,6 +155,49 @@ TEST_F(LoggingTest, SuppressedEntryPointLineAsksThreeTimesAndWritesNothing) {
   EXPECT_TRUE(LogCapture::entries().empty());
 }
 
+TEST_F(LoggingTest, EachPieceOfTheLineFollowsItsOwnCheck) {
+  // At each check, how many pieces had been written before it.
+  std::vector<size_t> written_before_check;
+  LogCapture::setAnswer([&written_before_check](const LogFrame&) {
+    written_before_check.push_back(LogCapture::entries().size());
+    return 1;
+  });
+  print_browser_log(3, "T", "/a/b/f.c", 8, "g", "n=%d", 5);
+  EXPECT_EQ(written_before_check, (std::vector<size_t>{0, 1, 2}));
+  EXPECT_EQ(texts(), (std::vector<std::string>{"[T]f.c:8:g:", "n=5", "\n"}));
+}
+
+TEST_F(LoggingTest, SuppressedLineOfEitherEntryPointPassesTheSameFrameThreeTimes) {
+  LogCapture::setThreshold(0);
+  print_browser_log(4, "T", "/a/b/f.c", 3, "g", "message %d", 1);
+  print_hbbtv_controller_log(3, nullptr, nullptr, 3, nullptr, "message");
+  const auto frames = LogCapture::frames();
+  ASSERT_EQ(frames.size(), 6u);
+  const uint16_t expected_levels[] = {5000, 5000, 5000, 4000, 4000, 4000};
+  for (size_t i = 0; i < frames.size(); ++i) {
+    EXPECT_EQ(frames[i].level, expected_levels[i]);
+    EXPECT_EQ(frames[i].module, 95);
+    EXPECT_EQ(frames[i].word0, 0u);
+    EXPECT_EQ(frames[i].word1, 0u);
+  }
+  EXPECT_TRUE(LogCapture::entries().empty());
+}
+
+TEST_F(LoggingTest, BaseNameIsTakenFromThePathAsItIsWhenThePrefixIsWritten) {
+  // The check puts a last slash into the path: the prefix shows the base name of the path as it
+  // is once the platform has said yes, not as it was when the entry point was called.
+  for (auto entry_point : {&print_browser_log, &print_hbbtv_controller_log}) {
+    LogCapture::reset();
+    char path[] = "dir/sub_file.c";
+    LogCapture::setAnswer([&path](const LogFrame&) {
+      path[7] = '/';
+      return 1;
+    });
+    entry_point(1, "T", path, 4, "g", "x");
+    EXPECT_EQ(texts(), (std::vector<std::string>{"[T]file.c:4:g:", "x", "\n"}));
+  }
+}
+
 TEST_F(LoggingTest, DumpOfZeroBytesPrintsOnlyTheHeader) {
   const unsigned char data[1] = {0};
   dump_memory("empty", data, 0);

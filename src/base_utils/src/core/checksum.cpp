@@ -10,7 +10,12 @@
 // call, no table look-ups). Bytes that do not fill a block go through the plain byte step, which
 // is also what the update_* functions do.
 //
-// All tables are computed by the compiler and live in read-only data (about 54 KiB in all).
+// The block and the three lanes are written out: each byte of a block is its own expression,
+// expanded from a compile-time index sequence, and the helpers are forced inline. So the speed
+// does not depend on the loop unrolling and inlining that only the highest optimisation level
+// does, and -O2 and -Os builds (the device's) run the same straight-line code as -O3.
+//
+// All tables are computed by the compiler and live in read-only data (46 KiB in all).
 #include "base/utils/checksum.h"
 
 #include <cstddef>
@@ -18,6 +23,10 @@
 #include <cstdio>
 #include <cstring>
 #include <type_traits>
+#include <utility>
+
+// Inlined at every optimisation level: the block step is built from many small helpers.
+#define VELMORA_CRC_INLINE inline __attribute__((always_inline))
 
 namespace velmora {
 namespace base {
@@ -28,7 +37,7 @@ namespace {
 enum class BitOrder { kReflected, kMsbFirst };
 
 // Loads eight bytes so that the first byte ends up in the lowest eight bits.
-inline uint64_t loadLittleEndian64(const unsigned char* p) {
+VELMORA_CRC_INLINE uint64_t loadLittleEndian64(const unsigned char* p) {
   uint64_t word;
   memcpy(&word, p, sizeof(word));
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
@@ -63,26 +72,16 @@ class CrcEngine {
 
   static T step(T crc, unsigned char c) { return step(kTables, crc, c); }
 
-  // Folds length bytes into crc. Long inputs are cut into kLanes equal lanes whose running
+  // Folds length bytes into crc. Long inputs are cut into three equal lanes whose running
   // values advance side by side (independent dependency chains) and are joined afterwards by
   // shifting each over the length of the lanes that follow it; the rest goes block by block,
   // then byte by byte.
   static T run(T crc, const unsigned char* data, size_t length) {
     if (length >= kLaneThreshold) {
-      const size_t lane = length / (kLanes * kSlices) * kSlices;
-      T lanes[kLanes] = {crc};
-      for (size_t offset = 0; offset < lane; offset += kSlices) {
-        for (int k = 0; k < kLanes; ++k) {
-          lanes[k] = block(lanes[k], data + k * lane + offset);
-        }
-      }
-      const T shift = powerOfX(lane);
-      crc = lanes[0];
-      for (int k = 1; k < kLanes; ++k) {
-        crc = static_cast<T>(multiply(crc, shift) ^ lanes[k]);
-      }
-      data += kLanes * lane;
-      length -= kLanes * lane;
+      const size_t lane = length / (3 * kSlices) * kSlices;
+      crc = threeLanes(crc, data, lane);
+      data += 3 * lane;
+      length -= 3 * lane;
     }
     for (; length >= kSlices; data += kSlices, length -= kSlices) {
       crc = block(crc, data);
@@ -120,34 +119,73 @@ class CrcEngine {
   static const Tables kTables;
 
  private:
-  static constexpr int kLanes = 3;
   static constexpr size_t kLaneThreshold = 4096;
+  static constexpr int kRegisterBytes = kWidth / 8;
 
-  // One block of kSlices bytes, one look-up per byte. Only the first kWidth / 8 bytes meet the
-  // running value; the other bytes of the first word are read one by one and those of further
-  // words are shifted out of whole words (spreading the work over load and arithmetic units),
-  // all while the previous block's value is still being computed. The XORs form a tree.
-  static T block(T crc, const unsigned char* data) {
-    using Sum = std::conditional_t<(kWidth > 32), uint64_t, uint32_t>;
-    constexpr int kRegisterBytes = kWidth / 8;
-    Sum even = 0;
-    Sum odd = 0;
-    for (int j = kRegisterBytes; j < 8; ++j) {
-      (j % 2 == 0 ? even : odd) ^= kTables.entry[kSlices - 1 - j][data[j]];
+  // The width in which a block's look-ups are combined.
+  using Sum = std::conditional_t<(kWidth > 32), uint64_t, uint32_t>;
+
+  // The three lanes of lane bytes each, the first continuing crc, the others starting from 0;
+  // joined as crc(first) * x^(8 lane) + crc(second), times x^(8 lane) again, + crc(third).
+  static T threeLanes(T crc, const unsigned char* data, size_t lane) {
+    T second = 0;
+    T third = 0;
+    for (size_t offset = 0; offset < lane; offset += kSlices) {
+      crc = block(crc, data + offset);
+      second = block(second, data + lane + offset);
+      third = block(third, data + 2 * lane + offset);
     }
-    for (int w = 1; w < kSlices / 8; ++w) {
-      const uint64_t word = loadLittleEndian64(data + 8 * w);
-      for (int j = 0; j < 8; ++j) {
-        (j % 2 == 0 ? even : odd) ^=
-            kTables.entry[kSlices - 1 - 8 * w - j][(word >> (8 * j)) & 0xFF];
-      }
-    }
+    const uint64_t shift = powerOfX(lane);
+    return static_cast<T>(multiply(multiply(crc, shift) ^ second, shift) ^ third);
+  }
+
+  // One block of kSlices bytes, one look-up per byte: the bytes that do not meet the running
+  // value are looked up while the previous block's value is still being computed, then the
+  // first kWidth / 8 bytes, XORed with the running value, are looked up and joined in a tree.
+  static VELMORA_CRC_INLINE T block(T crc, const unsigned char* data) {
     const uint64_t head = loadLittleEndian64(data) ^ inStreamOrder(crc);
-    Sum dependent = 0;
-    for (int j = 0; j < kRegisterBytes; ++j) {
-      dependent ^= kTables.entry[kSlices - 1 - j][(head >> (8 * j)) & 0xFF];
+    const Sum free = freeBytes(data, std::make_integer_sequence<int, kSlices - kRegisterBytes>());
+    return static_cast<T>(free ^ registerBytes<0, kRegisterBytes>(head));
+  }
+
+  // The contribution of byte j of a block whose value is b.
+  template <int j>
+  static VELMORA_CRC_INLINE Sum lookUp(unsigned int b) {
+    return kTables.entry[kSlices - 1 - j][b];
+  }
+
+  // The bytes kRegisterBytes.. of a block: those of the first eight read one by one, those of
+  // further words shifted out of whole words (spreading the work over load and arithmetic
+  // units). A block of no more bytes than the register has none.
+  template <int... i>
+  static VELMORA_CRC_INLINE Sum freeBytes([[maybe_unused]] const unsigned char* data,
+                                          std::integer_sequence<int, i...>) {
+    return (Sum{0} ^ ... ^ freeByte<kRegisterBytes + i>(data));
+  }
+
+  template <int j>
+  static VELMORA_CRC_INLINE Sum freeByte(const unsigned char* data) {
+    if constexpr (j < 8) {
+      return lookUp<j>(data[j]);
+    } else {
+      return lookUp<j>(byteOf<j % 8>(loadLittleEndian64(data + 8 * (j / 8))));
     }
-    return static_cast<T>((even ^ odd) ^ dependent);
+  }
+
+  // The look-ups of bytes kFirst..kFirst + kCount - 1 of head, joined as a balanced tree.
+  template <int kFirst, int kCount>
+  static VELMORA_CRC_INLINE Sum registerBytes(uint64_t head) {
+    if constexpr (kCount == 1) {
+      return lookUp<kFirst>(byteOf<kFirst>(head));
+    } else {
+      return registerBytes<kFirst, kCount / 2>(head) ^
+             registerBytes<kFirst + kCount / 2, kCount - kCount / 2>(head);
+    }
+  }
+
+  template <int j>
+  static VELMORA_CRC_INLINE unsigned int byteOf(uint64_t word) {
+    return static_cast<unsigned int>(word >> (8 * j)) & 0xFF;
   }
 
   // Register values as polynomials over GF(2) modulo the generator: an MSB-first register holds
@@ -232,7 +270,7 @@ class CrcEngine {
   }
 
   // The register laid over the first bytes of a block in the order the bytes arrive.
-  static uint64_t inStreamOrder(T crc) {
+  static VELMORA_CRC_INLINE uint64_t inStreamOrder(T crc) {
     if constexpr (kOrder == BitOrder::kReflected || kWidth == 8) {
       return crc;
     } else if constexpr (kWidth == 16) {
@@ -259,7 +297,7 @@ constexpr typename CrcEngine<T, kWidth, kOrder, kPoly, kSlices>::Powers
 
 using Crc8 = CrcEngine<unsigned char, 8, BitOrder::kMsbFirst, 0x31, 16>;
 using Crc16 = CrcEngine<unsigned short, 16, BitOrder::kReflected, 0xA001, 8>;
-using Crc32 = CrcEngine<unsigned int, 32, BitOrder::kReflected, 0xEDB88320, 16>;
+using Crc32 = CrcEngine<unsigned int, 32, BitOrder::kReflected, 0xEDB88320, 8>;
 using Crc64 = CrcEngine<unsigned long long, 64, BitOrder::kMsbFirst, 0x42F0E1EBA9EA3693, 8>;
 using CrcCcitt = CrcEngine<unsigned short, 16, BitOrder::kMsbFirst, 0x1021, 8>;
 using CrcDnp = CrcEngine<unsigned short, 16, BitOrder::kReflected, 0xA6BC, 8>;

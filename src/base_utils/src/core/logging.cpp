@@ -29,32 +29,31 @@ unsigned int levelForIndex(unsigned int level_index) {
   return level_index < kTableSize ? kLogLevelTable[level_index] : kHighestEmittedLevel + 1;
 }
 
-bool platformWants(const LogFrame& frame) {
-  LogFrame copy = frame;
-  return vexDebugCheckLevelGetFrameAndChunk(&copy) != 0;
-}
-
-void printLogLine(unsigned int level_index, const char* tag, const char* file, int line,
-                  const char* function, const char* format, va_list args) {
-  tag = tag ? tag : "";
-  file = file ? file : "";
-  function = function ? function : "";
+// A line whose level the platform refuses costs the three checks and nothing else: the
+// prefix's pieces (the base name above all, a scan of the whole path) are worked out only when
+// the prefix is written. Each check gets a frame of its own, built in place, as the inline
+// statements do (copying one frame would read back what was just stored field by field). The
+// body is inlined into each entry point: no further call.
+inline __attribute__((always_inline)) void printLogLine(unsigned int level_index, const char* tag,
+                                                        const char* file, int line,
+                                                        const char* function, const char* format,
+                                                        va_list args) {
   if (format == nullptr) {
     return;
   }
   const unsigned int level = levelForIndex(level_index);
-  const char* base_name = blog_base_name(file);
   if (level > kHighestEmittedLevel) {
     return;
   }
-  const LogFrame frame = {static_cast<uint16_t>(level), kLogModule, 0, 0};
-  if (platformWants(frame)) {
-    vexDebugOutput0("[%s]%s:%d:%s:", tag, base_name, line, function);
+  const uint16_t frame_level = static_cast<uint16_t>(level);
+  if (internal::logWanted(frame_level)) {
+    vexDebugOutput0("[%s]%s:%d:%s:", tag ? tag : "", blog_base_name(file ? file : ""), line,
+                    function ? function : "");
   }
-  if (platformWants(frame)) {
+  if (internal::logWanted(frame_level)) {
     vexDebugOutputV(format, args);
   }
-  if (platformWants(frame)) {
+  if (internal::logWanted(frame_level)) {
     vexDebugOutput0("\n");
   }
 }

@@ -1,10 +1,18 @@
 // MD5 as RFC 1321 describes it: 64-byte blocks, four rounds of sixteen steps, padding with 0x80
 // and zeros to 56 mod 64 followed by the 64-bit bit count, little-endian throughout.
+//
+// The rounds are written out step by step and their helpers are forced inline, so that -O2 and
+// -Os builds run the same straight-line code as -O3. Words are read and written whole through
+// memcpy (any alignment, either byte order).
 #include "base/utils/md5.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ostream>
+
+// Inlined at every optimisation level: a step is a handful of instructions.
+#define VELMORA_MD5_INLINE inline __attribute__((always_inline))
 
 namespace velmora {
 namespace base {
@@ -23,31 +31,63 @@ constexpr unsigned int kCountBytes = 8;
 // The padding: one 0x80 byte, then zeros.
 constexpr unsigned char kPadding[64] = {0x80};
 
-inline unsigned int rotateLeft(unsigned int x, int n) {
+VELMORA_MD5_INLINE unsigned int loadLittleEndian32(const unsigned char* p) {
+  uint32_t word;
+  memcpy(&word, p, sizeof(word));
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  word = __builtin_bswap32(word);
+#endif
+  return word;
+}
+
+VELMORA_MD5_INLINE void storeLittleEndian32(unsigned char* p, unsigned int value) {
+  uint32_t word = value;
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  word = __builtin_bswap32(word);
+#endif
+  memcpy(p, &word, sizeof(word));
+}
+
+// Bytes to little-endian words and back; length in bytes, a multiple of 4.
+VELMORA_MD5_INLINE void decodeWords(unsigned int* output, const unsigned char* input,
+                                    unsigned int length) {
+  for (unsigned int i = 0; i < length / 4; ++i) {
+    output[i] = loadLittleEndian32(input + 4 * i);
+  }
+}
+
+VELMORA_MD5_INLINE void encodeWords(unsigned char* output, const unsigned int* input,
+                                    unsigned int length) {
+  for (unsigned int i = 0; i < length / 4; ++i) {
+    storeLittleEndian32(output + 4 * i, input[i]);
+  }
+}
+
+VELMORA_MD5_INLINE unsigned int rotateLeft(unsigned int x, int n) {
   return (x << n) | (x >> (32 - n));
 }
 
 // The four auxiliary functions, in forms that leave as few operations as possible waiting for
 // x (the value computed by the step before): G's two terms never overlap, so they may be added
 // instead of ORed, and the term without x is ready early.
-inline unsigned int F(unsigned int x, unsigned int y, unsigned int z) {
+VELMORA_MD5_INLINE unsigned int F(unsigned int x, unsigned int y, unsigned int z) {
   return z ^ (x & (y ^ z));
 }
-inline unsigned int G(unsigned int x, unsigned int y, unsigned int z) {
+VELMORA_MD5_INLINE unsigned int G(unsigned int x, unsigned int y, unsigned int z) {
   return (x & z) + (y & ~z);
 }
-inline unsigned int H(unsigned int x, unsigned int y, unsigned int z) {
+VELMORA_MD5_INLINE unsigned int H(unsigned int x, unsigned int y, unsigned int z) {
   return x ^ y ^ z;
 }
-inline unsigned int I(unsigned int x, unsigned int y, unsigned int z) {
+VELMORA_MD5_INLINE unsigned int I(unsigned int x, unsigned int y, unsigned int z) {
   return y ^ (x | ~z);
 }
 
 // One step: a = b + ((a + f(b, c, d) + x + t) <<< s). The message word and the constant are
 // added first, while b is still being computed.
 template <unsigned int (*f)(unsigned int, unsigned int, unsigned int)>
-inline void step(unsigned int& a, unsigned int b, unsigned int c, unsigned int d, unsigned int x,
-                 int s, unsigned int t) {
+VELMORA_MD5_INLINE void step(unsigned int& a, unsigned int b, unsigned int c, unsigned int d,
+                             unsigned int x, int s, unsigned int t) {
   a += x + t;
   a += f(b, c, d);
   a = b + rotateLeft(a, s);
@@ -151,21 +191,11 @@ std::string MD5::binDigest() const {
 }
 
 void MD5::decode(unsigned int* output, const unsigned char* input, unsigned int length) {
-  for (unsigned int i = 0, j = 0; j < length; ++i, j += 4) {
-    output[i] = static_cast<unsigned int>(input[j]) |
-                (static_cast<unsigned int>(input[j + 1]) << 8) |
-                (static_cast<unsigned int>(input[j + 2]) << 16) |
-                (static_cast<unsigned int>(input[j + 3]) << 24);
-  }
+  decodeWords(output, input, length);
 }
 
 void MD5::encode(unsigned char* output, const unsigned int* input, unsigned int length) {
-  for (unsigned int i = 0, j = 0; j < length; ++i, j += 4) {
-    output[j] = static_cast<unsigned char>(input[i] & 0xFF);
-    output[j + 1] = static_cast<unsigned char>((input[i] >> 8) & 0xFF);
-    output[j + 2] = static_cast<unsigned char>((input[i] >> 16) & 0xFF);
-    output[j + 3] = static_cast<unsigned char>((input[i] >> 24) & 0xFF);
-  }
+  encodeWords(output, input, length);
 }
 
 void MD5::transform(const unsigned char block[kBlockSize]) {
@@ -173,8 +203,10 @@ void MD5::transform(const unsigned char block[kBlockSize]) {
   unsigned int b = state[1];
   unsigned int c = state[2];
   unsigned int d = state[3];
+  // The words are decoded here by the same code as decode(), inline: a call per block through
+  // the exported symbol would cost more than the decoding itself.
   unsigned int x[16];
-  decode(x, block, kBlockSize);
+  decodeWords(x, block, kBlockSize);
 
   // Round 1
   step<F>(a, b, c, d, x[0], 7, 0xd76aa478);

@@ -55,18 +55,14 @@ class VELMORA_BASE_EXPORT MD5 {
   static constexpr unsigned int kBlockSize = 64;
   static constexpr unsigned int kDigestSize = 16;
 
-  // Internal helpers, not exported (so the library calls them directly and can inline them).
+  // The steps of the computation, kept out of line and exported with the rest of the class.
 
-  // The four rounds of sixteen steps on one 64-byte block.
-  __attribute__((visibility("hidden"))) void transform(const unsigned char block[kBlockSize]);
+  // The four rounds of sixteen steps on one 64-byte block, folded into the chaining values.
+  void transform(const unsigned char block[kBlockSize]);
   // Little-endian bytes to words; length in bytes, a multiple of 4.
-  __attribute__((visibility("hidden"))) static void decode(unsigned int* output,
-                                                           const unsigned char* input,
-                                                           unsigned int length);
+  static void decode(unsigned int* output, const unsigned char* input, unsigned int length);
   // Words to little-endian bytes; length in bytes, a multiple of 4.
-  __attribute__((visibility("hidden"))) static void encode(unsigned char* output,
-                                                           const unsigned int* input,
-                                                           unsigned int length);
+  static void encode(unsigned char* output, const unsigned int* input, unsigned int length);
 
   bool finalized;
   unsigned char buffer[kBlockSize];  // input not yet processed
