@@ -24,6 +24,16 @@ CaptureState& state() {
 }
 
 thread_local LogFrame t_last_frame = {0, 0, 0, 0};
+thread_local int t_platform_call_depth = 0;
+
+// Marks the platform call this thread is in, for the fault injection to leave alone.
+class PlatformCall {
+ public:
+  PlatformCall() { ++t_platform_call_depth; }
+  ~PlatformCall() { --t_platform_call_depth; }
+  PlatformCall(const PlatformCall&) = delete;
+  PlatformCall& operator=(const PlatformCall&) = delete;
+};
 
 std::string formatText(const char* format, va_list args) {
   va_list measure;
@@ -52,6 +62,10 @@ int record(const char* format, va_list args) {
 }
 
 }  // namespace
+
+bool insidePlatformCall() {
+  return t_platform_call_depth > 0;
+}
 
 void LogCapture::reset() {
   CaptureState& capture = state();
@@ -174,6 +188,7 @@ using velmora::testing::state;
 extern "C" {
 
 __attribute__((visibility("default"))) int vexDebugCheckLevelGetFrameAndChunk(LogFrame* frame) {
+  const velmora::testing::PlatformCall inside;
   velmora::testing::t_last_frame = *frame;
   auto& capture = state();
   std::function<int(const LogFrame&)> answer;
@@ -188,10 +203,12 @@ __attribute__((visibility("default"))) int vexDebugCheckLevelGetFrameAndChunk(Lo
 }
 
 __attribute__((visibility("default"))) int vexDebugOutputV(const char* format, va_list args) {
+  const velmora::testing::PlatformCall inside;
   return velmora::testing::record(format, args);
 }
 
 __attribute__((visibility("default"))) int vexDebugOutput0(const char* format, ...) {
+  const velmora::testing::PlatformCall inside;
   va_list args;
   va_start(args, format);
   const int length = velmora::testing::record(format, args);

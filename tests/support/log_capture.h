@@ -61,6 +61,9 @@ class LogCapture {
 // No entry with this text.
 ::testing::AssertionResult NotLogged(const std::string& text);
 
+// True on a thread that is inside one of the three platform calls this capture implements.
+bool insidePlatformCall();
+
 // A fixture that starts each test with a fresh capture.
 class LogCaptureTest : public ::testing::Test {
  protected:
