@@ -11,6 +11,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -133,3 +134,23 @@ TEST(FaultSweepHarness, AnEscapingExceptionFailsTheCase) {
 }
 
 }  // namespace
+
+TEST(FaultSweepHarness, ATerminationByDesignCountsOnlyAfterTheFault) {
+  const auto report = sweepFaults(FaultKind::kThreadCreation, [](FaultRun& run) {
+    run.terminationAllowedAfterFault();
+    const bool threw = run.throws<std::system_error>([] {
+      // A failure on the inner thread is uncaught there: the designed end of such a run.
+      std::thread([] { std::thread([] {}).join(); }).join();
+    });
+    EXPECT_EQ(threw, run.injected());
+  });
+  EXPECT_EQ(report.points, 2);
+  EXPECT_NONFATAL_FAILURE(sweepFaults(FaultKind::kAllocation,
+                                      [](FaultRun& run) {
+                                        run.terminationAllowedAfterFault();
+                                        if (run.nth() == 1) {
+                                          abort();  // before any fault: not by design
+                                        }
+                                      }),
+                          "aborted");
+}

@@ -100,6 +100,11 @@ class FaultRun {
     return false;
   }
 
+  // Declares, before arming, that a fault of this run may end the process through
+  // std::terminate by design (an uncaught failure on a thread the library starts). A run that
+  // aborts after its fault fired then counts as a fault point handled as designed.
+  void terminationAllowedAfterFault();
+
   // The operation creates a process-wide object that keeps descriptors open for good (the
   // simple-timer engine's pipe): the descriptor count is then not compared at the end.
   void descriptorsMayStayOpen() { check_descriptors_ = false; }
