@@ -154,3 +154,31 @@ TEST(FaultSweepHarness, ATerminationByDesignCountsOnlyAfterTheFault) {
                                       }),
                           "aborted");
 }
+
+TEST(FaultSweepHarness, RandomFaultsStrikeOnlyInsideAScope) {
+  velmora::testing::startRandomFaults(2, 2, 7);
+  long outside_failures = 0;
+  long inside_failures = 0;
+  long inside_injected = 0;
+  for (int i = 0; i < 200; ++i) {
+    try {
+      delete new int(i);
+    } catch (const std::bad_alloc&) {
+      ++outside_failures;
+    }
+    velmora::testing::RandomFaultScope scope;
+    try {
+      delete new int(i);
+    } catch (const std::bad_alloc&) {
+      ++inside_failures;
+    }
+    inside_injected += scope.injected(FaultKind::kAllocation);
+  }
+  velmora::testing::disarmFaults();
+  EXPECT_EQ(outside_failures, 0);
+  EXPECT_EQ(inside_failures, inside_injected);
+  EXPECT_EQ(velmora::testing::randomFaultsInjected(FaultKind::kAllocation), inside_injected);
+  // One in two, over 200 draws: far from none and far from all.
+  EXPECT_GT(inside_failures, 40);
+  EXPECT_LT(inside_failures, 160);
+}

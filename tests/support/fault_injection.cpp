@@ -45,8 +45,12 @@ struct FaultState {
 FaultState g_allocation;
 // A sweep's child reports to its parent through this descriptor (-1 elsewhere).
 std::atomic<int> g_report_fd{-1};
-constexpr char kFiredMarker[] = "\x01" "fault-fired\n";
-constexpr char kTerminationMarker[] = "\x01" "termination-allowed\n";
+constexpr char kFiredMarker[] =
+    "\x01"
+    "fault-fired\n";
+constexpr char kTerminationMarker[] =
+    "\x01"
+    "termination-allowed\n";
 
 // Tells the parent of a sweep's child at once, since the child may not live to say it later.
 void reportMarker(const char* marker) {
@@ -64,6 +68,11 @@ std::atomic<long long> g_live_bytes{0};
 FaultState& stateOf(FaultKind kind) {
   return kind == FaultKind::kAllocation ? g_allocation : g_thread_creation;
 }
+
+// Random faults strike only inside a RandomFaultScope; what they struck is counted per thread.
+thread_local int t_random_scope_depth = 0;
+thread_local long t_random_allocation_faults = 0;
+thread_local long t_random_thread_faults = 0;
 
 // A cheap per-thread generator for the random mode, seeded from the run's seed and the thread.
 bool randomDraw(unsigned one_in) {
@@ -93,11 +102,12 @@ bool shouldFail(FaultState& fault) {
       return false;
     case Mode::kRandom: {
       const unsigned one_in = fault.one_in.load(std::memory_order_relaxed);
-      if (one_in != 0 && randomDraw(one_in)) {
-        fault.random_injected.fetch_add(1);
-        return true;
+      if (t_random_scope_depth == 0 || one_in == 0 || !randomDraw(one_in)) {
+        return false;
       }
-      return false;
+      fault.random_injected.fetch_add(1);
+      ++(&fault == &g_allocation ? t_random_allocation_faults : t_random_thread_faults);
+      return true;
     }
   }
   return false;
@@ -276,6 +286,20 @@ void startRandomFaults(unsigned allocation_one_in, unsigned thread_one_in, unsig
   g_thread_creation.random_injected.store(0);
   g_allocation.mode.store(Mode::kRandom, std::memory_order_release);
   g_thread_creation.mode.store(Mode::kRandom, std::memory_order_release);
+}
+
+RandomFaultScope::RandomFaultScope()
+    : allocations_before_(t_random_allocation_faults), threads_before_(t_random_thread_faults) {
+  ++t_random_scope_depth;
+}
+
+RandomFaultScope::~RandomFaultScope() {
+  --t_random_scope_depth;
+}
+
+long RandomFaultScope::injected(FaultKind kind) const {
+  return kind == FaultKind::kAllocation ? t_random_allocation_faults - allocations_before_
+                                        : t_random_thread_faults - threads_before_;
 }
 
 long randomFaultsInjected(FaultKind kind) {

@@ -48,11 +48,29 @@ bool faultFired(FaultKind kind);
 // Calls of that kind counted since the last arming.
 long faultCallsCounted(FaultKind kind);
 
-// Fails each allocation with probability 1 / allocation_one_in and each thread creation with
-// probability 1 / thread_one_in (0: never), on every thread, until disarmFaults().
+// From now until disarmFaults(), fails each allocation with probability 1 / allocation_one_in
+// and each thread creation with probability 1 / thread_one_in (0: never), made by a thread
+// inside a RandomFaultScope: a soak wraps each call into the library in one, so that its own
+// bookkeeping never fails and each fault can be traced to the call it struck.
 void startRandomFaults(unsigned allocation_one_in, unsigned thread_one_in, unsigned seed);
-// Faults injected at random since startRandomFaults.
+// Faults injected at random since startRandomFaults, on every thread.
 long randomFaultsInjected(FaultKind kind);
+
+// Lets random faults strike the calls this thread makes while the scope lives.
+class RandomFaultScope {
+ public:
+  RandomFaultScope();
+  ~RandomFaultScope();
+  RandomFaultScope(const RandomFaultScope&) = delete;
+  RandomFaultScope& operator=(const RandomFaultScope&) = delete;
+
+  // Faults of that kind injected on this thread since the scope began.
+  long injected(FaultKind kind) const;
+
+ private:
+  long allocations_before_;
+  long threads_before_;
+};
 
 // Blocks and bytes allocated through operator new and not yet deleted.
 long long liveHeapBlocks();
