@@ -71,6 +71,7 @@ FaultState& stateOf(FaultKind kind) {
 
 // Random faults strike only inside a RandomFaultScope; what they struck is counted per thread.
 thread_local int t_random_scope_depth = 0;
+thread_local bool t_random_thread_creations = true;
 thread_local long t_random_allocation_faults = 0;
 thread_local long t_random_thread_faults = 0;
 
@@ -102,7 +103,9 @@ bool shouldFail(FaultState& fault) {
       return false;
     case Mode::kRandom: {
       const unsigned one_in = fault.one_in.load(std::memory_order_relaxed);
-      if (t_random_scope_depth == 0 || one_in == 0 || !randomDraw(one_in)) {
+      const bool in_scope =
+          t_random_scope_depth > 0 && (&fault == &g_allocation || t_random_thread_creations);
+      if (!in_scope || one_in == 0 || !randomDraw(one_in)) {
         return false;
       }
       fault.random_injected.fetch_add(1);
@@ -288,12 +291,16 @@ void startRandomFaults(unsigned allocation_one_in, unsigned thread_one_in, unsig
   g_thread_creation.mode.store(Mode::kRandom, std::memory_order_release);
 }
 
-RandomFaultScope::RandomFaultScope()
-    : allocations_before_(t_random_allocation_faults), threads_before_(t_random_thread_faults) {
+RandomFaultScope::RandomFaultScope(bool thread_creations)
+    : allocations_before_(t_random_allocation_faults),
+      threads_before_(t_random_thread_faults),
+      thread_creations_before_(t_random_thread_creations) {
   ++t_random_scope_depth;
+  t_random_thread_creations = thread_creations;
 }
 
 RandomFaultScope::~RandomFaultScope() {
+  t_random_thread_creations = thread_creations_before_;
   --t_random_scope_depth;
 }
 

@@ -59,7 +59,9 @@ long randomFaultsInjected(FaultKind kind);
 // Lets random faults strike the calls this thread makes while the scope lives.
 class RandomFaultScope {
  public:
-  RandomFaultScope();
+  // thread_creations false: only allocations fail, for calls whose failed thread creation
+  // would leave a thread dead for good by design.
+  explicit RandomFaultScope(bool thread_creations = true);
   ~RandomFaultScope();
   RandomFaultScope(const RandomFaultScope&) = delete;
   RandomFaultScope& operator=(const RandomFaultScope&) = delete;
@@ -70,6 +72,7 @@ class RandomFaultScope {
  private:
   long allocations_before_;
   long threads_before_;
+  bool thread_creations_before_;
 };
 
 // Blocks and bytes allocated through operator new and not yet deleted.
