@@ -23,15 +23,27 @@ using velmora::testing::FaultKind;
 using velmora::testing::FaultRun;
 using velmora::testing::sweepFaults;
 
+// Makes a block escape, so that the optimiser cannot leave out its allocation.
+template <typename T>
+T* kept(T* block) {
+  asm volatile("" : : "g"(block) : "memory");
+  return block;
+}
+
+// One allocation, freed again.
+void allocateOnce() {
+  delete kept(new int(1));
+}
+
 // Three allocations, the second on another thread, whose own state is one more: a failure on the
 // worker is carried back to the caller.
 void threeAllocations() {
-  auto first = std::make_unique<int>(1);
+  std::unique_ptr<int> first(kept(new int(1)));
   std::unique_ptr<int> second;
   std::exception_ptr worker_error;
   std::thread worker([&] {
     try {
-      second = std::make_unique<int>(2);
+      second.reset(kept(new int(2)));
     } catch (const std::bad_alloc&) {
       worker_error = std::current_exception();
     }
@@ -40,7 +52,7 @@ void threeAllocations() {
   if (worker_error) {
     std::rethrow_exception(worker_error);
   }
-  auto third = std::unique_ptr<int[]>(new int[4]);
+  std::unique_ptr<int[]> third(kept(new int[4]));
 }
 
 TEST(FaultSweepHarness, FindsEveryAllocationOnEveryThread) {
@@ -65,8 +77,8 @@ TEST(FaultSweepHarness, NothrowAndAlignedFormsFailToo) {
   const auto report = sweepFaults(FaultKind::kAllocation, [](FaultRun& run) {
     int* plain = nullptr;
     const bool threw = run.throws<std::bad_alloc>([&] {
-      plain = new (std::nothrow) int(3);
-      delete std::make_unique<Wide>().release();
+      plain = kept(new (std::nothrow) int(3));
+      delete kept(new Wide());
     });
     EXPECT_EQ(run.injected(), threw || plain == nullptr);
     delete plain;
@@ -95,7 +107,7 @@ TEST(FaultSweepHarness, AHangFailsTheCase) {
   EXPECT_NONFATAL_FAILURE(sweepFaults(
                               FaultKind::kAllocation,
                               [](FaultRun& run) {
-                                run.throws<std::bad_alloc>([] { delete new int(1); });
+                                run.throws<std::bad_alloc>(allocateOnce);
                                 if (run.injected()) {
                                   pause();
                                 }
@@ -107,7 +119,7 @@ TEST(FaultSweepHarness, AHangFailsTheCase) {
 TEST(FaultSweepHarness, AnAbortFailsTheCase) {
   EXPECT_NONFATAL_FAILURE(sweepFaults(FaultKind::kAllocation,
                                       [](FaultRun& run) {
-                                        run.throws<std::bad_alloc>([] { delete new int(1); });
+                                        run.throws<std::bad_alloc>(allocateOnce);
                                         if (run.injected()) {
                                           abort();
                                         }
@@ -118,7 +130,7 @@ TEST(FaultSweepHarness, AnAbortFailsTheCase) {
 TEST(FaultSweepHarness, ALeakedDescriptorFailsTheCase) {
   EXPECT_NONFATAL_FAILURE(sweepFaults(FaultKind::kAllocation,
                                       [](FaultRun& run) {
-                                        run.throws<std::bad_alloc>([] { delete new int(1); });
+                                        run.throws<std::bad_alloc>(allocateOnce);
                                         if (run.injected()) {
                                           open("/dev/null", O_RDONLY);
                                         }
@@ -128,8 +140,7 @@ TEST(FaultSweepHarness, ALeakedDescriptorFailsTheCase) {
 
 TEST(FaultSweepHarness, AnEscapingExceptionFailsTheCase) {
   EXPECT_NONFATAL_FAILURE(
-      sweepFaults(FaultKind::kAllocation,
-                  [](FaultRun& run) { run.armed([] { std::vector<int> values(8); }); }),
+      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { run.armed(allocateOnce); }),
       "the run failed");
 }
 
@@ -162,13 +173,13 @@ TEST(FaultSweepHarness, RandomFaultsStrikeOnlyInsideAScope) {
   long inside_injected = 0;
   for (int i = 0; i < 200; ++i) {
     try {
-      delete new int(i);
+      delete kept(new int(i));
     } catch (const std::bad_alloc&) {
       ++outside_failures;
     }
     velmora::testing::RandomFaultScope scope;
     try {
-      delete new int(i);
+      delete kept(new int(i));
     } catch (const std::bad_alloc&) {
       ++inside_failures;
     }
