@@ -16,6 +16,14 @@ function(velmora_require_library name package result)
   endif()
 endfunction()
 
+function(velmora_require_program name package result)
+  find_program(${result} ${name})
+  if(NOT ${result})
+    message(FATAL_ERROR "${name} not found: install the Debian package '${package}' "
+      "(apt-get install ${package}).")
+  endif()
+endfunction()
+
 # A cross build looks for the target's libuuid in the toolchain's search roots: a device SDK's
 # sysroot (CMAKE_SYSROOT) or the folder VELMORA_TARGET_SYSROOT. When that folder lacks it,
 # tools/armhf-sysroot.sh fills it from Debian's armhf packages, without touching the host's apt.

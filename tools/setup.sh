@@ -20,6 +20,7 @@ declare -A reason=(
   [uuid-dev]="libuuid, the library's one dependency"
   [pkg-config]="the installed-package tests consume the library through pkg-config"
   [googletest]="GoogleTest sources under /usr/src/googletest, built with the tests"
+  [abigail-tools]="abidw and abidiff, which compare the binary interface with its baseline"
   [zlib1g-dev]="zlib, the oracle for CRC-32 in tests and benchmarks"
   [libssl-dev]="OpenSSL, the oracle for MD5 in tests and benchmarks"
   [libbenchmark-dev]="Google Benchmark, for the programs in bench/"
@@ -32,7 +33,7 @@ declare -A reason=(
   [valgrind]="the memcheck run"
 )
 declare -A group=(
-  [base]="cmake g++ make uuid-dev pkg-config googletest zlib1g-dev libssl-dev"
+  [base]="cmake g++ make uuid-dev pkg-config googletest abigail-tools zlib1g-dev libssl-dev"
   [bench]="libbenchmark-dev zlib1g-dev libssl-dev"
   [cross]="g++-arm-linux-gnueabihf qemu-user"
   [clang]="clang libclang-rt-14-dev"
