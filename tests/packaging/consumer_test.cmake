@@ -10,6 +10,7 @@
 #   the program runs with no LD_LIBRARY_PATH.
 # The RUNPATHs are checked on the way. For a cross build, the consumer is built with the same
 # toolchain and run under the emulator.
+cmake_minimum_required(VERSION 3.25)
 string(REPLACE "|" ";" EMULATOR "${EMULATOR}")
 set(install_root "${WORK_DIR}/${LAYOUT}-${MODE}")
 set(work "${WORK_DIR}/consumer-${LAYOUT}-${MODE}")
@@ -94,6 +95,10 @@ if(MODE STREQUAL "find_package")
   if(TOOLCHAIN_FILE)
     list(APPEND configure_args "-DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE}"
       "-DVELMORA_TARGET_SYSROOT=${TARGET_SYSROOT}")
+    # The cross toolchain looks for packages only below its search roots.
+    if(LAYOUT STREQUAL "prefix")
+      list(APPEND configure_args "-DCMAKE_FIND_ROOT_PATH=${prefix}")
+    endif()
   endif()
   run(${CMAKE_COMMAND} ${configure_args})
   run(${CMAKE_COMMAND} --build "${work}")
