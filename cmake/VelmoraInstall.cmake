@@ -35,9 +35,13 @@ install(FILES "${CMAKE_CURRENT_BINARY_DIR}/VelmoraBaseConfig.cmake"
 
 # The pkg-config file names the prefix of the install itself (given at install time with --prefix
 # or at configure time), so that PKG_CONFIG_SYSROOT_DIR re-roots it in a staged or target tree.
+# Each destination gets a file of its own in the build tree, so that installs of one build into
+# several prefixes at once do not write each other's file.
 set(VELMORA_PC_PREFIX "@CMAKE_INSTALL_PREFIX@")
 configure_file(cmake/velmora-base.pc.in "${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc.in" @ONLY)
-install(CODE "configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc.in\"
-  \"${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc\" @ONLY)")
-install(FILES "${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc"
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(CODE "
+  string(SHA1 velmora_pc_key \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
+  set(velmora_pc \"${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/\${velmora_pc_key}/velmora-base.pc\")
+  configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/velmora-base.pc.in\" \"\${velmora_pc}\" @ONLY)
+  file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\"
+    TYPE FILE FILES \"\${velmora_pc}\")")

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a Debian 12 machine for the project and proves it: installs the Debian packages that are
-# missing (and only those, through sudo when not run as root), then builds and runs the example
-# program with `cmake --workflow --preset example`.
+# missing (and only those, through sudo when not run as root; without root or sudo it prints the
+# command to run as root and exits with status 1), then builds and runs the example program with
+# `cmake --workflow --preset example`.
 #
 #   tools/setup.sh                      # what building, testing and the example need
 #   tools/setup.sh --with cross,clang   # and what the named extras need
@@ -84,7 +85,11 @@ if ((${#missing[@]})); then
   done
   as_root=()
   if ((EUID != 0)); then
-    command -v sudo >/dev/null || { echo "Not root and no sudo: install them as root." >&2; exit 1; }
+    if ! command -v sudo >/dev/null; then
+      echo "Not root and no sudo: run this as root, then tools/setup.sh again:" >&2
+      echo "  apt-get update && apt-get install -y --no-install-recommends ${missing[*]}" >&2
+      exit 1
+    fi
     as_root=(sudo)
   fi
   # An index that fails (a mirror in the middle of a sync) need not hold what is missing.
