@@ -1,0 +1,220 @@
+// Allocation and thread-creation faults at every point of the simple timers' operations. Each
+// failure either reaches the caller with the timer and the engine as they were (the same call
+// then works), or has the outcome the timers define for it: "Fail to create TimerImpl." and a
+// timer that refuses every later call, or the end of the process when the engine cannot start an
+// expiry's handler thread.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "base/simple_timer/timer.h"
+#include "fault_injection.h"
+#include "log_capture.h"
+#include "timer_test_support.h"
+
+namespace {
+
+using velmora::base::simple_timer::CONTINUE;
+using velmora::base::simple_timer::ONCE;
+using velmora::base::simple_timer::TimeoutTime;
+using velmora::base::simple_timer::Timer;
+using velmora::base::simple_timer::TimerHandler;
+using velmora::base::simple_timer::TimerType_e;
+using velmora::testing::Counter;
+using velmora::testing::FaultKind;
+using velmora::testing::FaultRun;
+using velmora::testing::LogCapture;
+using velmora::testing::Logged;
+using velmora::testing::LoggedOnce;
+using velmora::testing::NotLogged;
+using velmora::testing::openDescriptorCount;
+using velmora::testing::sweepFaults;
+using velmora::testing::timerLogLine;
+
+constexpr TimeoutTime kSoon = {0, 20, 0};
+constexpr TimeoutTime kLater = {60, 0, 0};
+void countCall(Timer*, void* calls) {
+  static_cast<Counter*>(calls)->increment();
+}
+
+// Too large for std::function's inline storage, so copying a handler that holds it allocates.
+struct LargeHandler {
+  Counter* own;
+  char padding[64];
+  void operator()(Timer*, void* calls) const {
+    own->increment();
+    static_cast<Counter*>(calls)->increment();
+  }
+};
+
+std::string removedFromHeadLine(const std::string& name) {
+  return timerLogLine("void RemoveTimer(", "RemoveTimer", "from head",
+                      "Remove timer('" + name + "') from head, send CMD_RESCHEDULE(2).\n");
+}
+// A timer made of prepared arguments, so that building them is no part of the armed call.
+void emplaceTimer(std::optional<Timer>& timer, std::string name, Counter* calls,
+                  TimerType_e type = ONCE, TimerHandler handler = countCall) {
+  timer.emplace(std::move(name), kSoon, std::move(handler), calls, type);
+}
+
+// A timer that works: it starts, fires once with its data and is stopped again.
+void expectWorkingOnceTimer(Timer& timer, Counter& calls) {
+  const int before = calls.value();
+  ASSERT_EQ(timer.start(), 0);
+  ASSERT_TRUE(calls.waitAtLeast(before + 1));
+  EXPECT_FALSE(timer.isStarted());
+}
+
+// Starts the engine of this process, which keeps its pipe open for good.
+void startEngine() {
+  Counter calls;
+  Timer starter("starter", kLater, countCall, &calls, ONCE);
+}
+
+// The sweep compares the descriptors open at the start of a run with those open at its end, but
+// a run must start the engine, whose pipe stays open. Made once the engine runs, this compares
+// from then on instead, so that a descriptor leaked by the operation still fails the run.
+class DescriptorsFromHere {
+ public:
+  explicit DescriptorsFromHere(FaultRun& run) : before_(openDescriptorCount()) {
+    run.descriptorsMayStayOpen();
+  }
+  ~DescriptorsFromHere() {
+    EXPECT_EQ(openDescriptorCount(), before_) << "descriptors open before and after the operation";
+  }
+  DescriptorsFromHere(const DescriptorsFromHere&) = delete;
+  DescriptorsFromHere& operator=(const DescriptorsFromHere&) = delete;
+
+ private:
+  const int before_;
+};
+
+TEST(SimpleTimerThreadFaultSweep, LaterOperationsStartNoThread) {
+  const auto report = sweepFaults(FaultKind::kThreadCreation, [](FaultRun& run) {
+    startEngine();
+    const DescriptorsFromHere descriptors(run);
+    Counter calls;
+    std::optional<Timer> timer;
+    run.armed([&] {
+      emplaceTimer(timer, "later", &calls);
+      timer->changeTimeout(kLater);
+      timer->start();
+      timer->restart();
+      timer->stopNoBlock();
+      timer->setProperty(kLater, countCall, &calls, CONTINUE);
+      timer->start();
+      timer->stop();
+    });
+    EXPECT_FALSE(timer->isStarted());
+  });
+  EXPECT_EQ(report.points, 0);
+}
+
+// setProperty and changeHandler copy the handler they are given; a failed copy changes nothing.
+void sweepHandlerReplacement(FaultRun& run, bool wholeProperty) {
+  LogCapture::reset();
+  startEngine();
+  const DescriptorsFromHere descriptors(run);
+  Counter oldCalls;
+  Counter newCalls;
+  Counter viaLarge;
+  std::optional<Timer> timer;
+  emplaceTimer(timer, "prop", &oldCalls);
+  const TimerHandler large = LargeHandler{&viaLarge, {}};
+  int result = -1;
+  const bool threw = run.throws<std::bad_alloc>([&] {
+    result = wholeProperty ? timer->setProperty(kSoon, large, &newCalls, ONCE)
+                           : timer->changeHandler(large, &newCalls);
+  });
+  EXPECT_EQ(threw, run.injected());
+  if (threw) {
+    expectWorkingOnceTimer(*timer, oldCalls);
+    EXPECT_EQ(newCalls.value(), 0);
+    result = wholeProperty ? timer->setProperty(kSoon, large, &newCalls, ONCE)
+                           : timer->changeHandler(large, &newCalls);
+  }
+  EXPECT_EQ(result, 0);
+  expectWorkingOnceTimer(*timer, newCalls);
+  EXPECT_EQ(viaLarge.value(), 1);
+  EXPECT_EQ(oldCalls.value(), threw ? 1 : 0);
+}
+
+TEST(SimpleTimerAllocationFaultSweep, SetPropertyReplacesEverythingOrNothing) {
+  const auto report = sweepFaults(FaultKind::kAllocation,
+                                  [](FaultRun& run) { sweepHandlerReplacement(run, true); });
+  EXPECT_EQ(report.points, 1);
+}
+
+TEST(SimpleTimerAllocationFaultSweep, ChangeHandlerReplacesBothOrNothing) {
+  const auto report = sweepFaults(FaultKind::kAllocation,
+                                  [](FaultRun& run) { sweepHandlerReplacement(run, false); });
+  EXPECT_EQ(report.points, 1);
+}
+
+TEST(SimpleTimerAllocationFaultSweep, ChangeTimeoutAndChangeTypeDoNotAllocate) {
+  const auto report = sweepFaults(FaultKind::kAllocation, [](FaultRun& run) {
+    startEngine();
+    const DescriptorsFromHere descriptors(run);
+    Counter calls;
+    std::optional<Timer> timer;
+    emplaceTimer(timer, "change", &calls);
+    run.armed([&] {
+      EXPECT_EQ(timer->changeTimeout(TimeoutTime{0, 2500, 0}), 0);
+      EXPECT_EQ(timer->changeType(CONTINUE), 0);
+    });
+    EXPECT_EQ(timer->changeType(ONCE), 0);
+    EXPECT_EQ(timer->changeTimeout(kSoon), 0);
+    expectWorkingOnceTimer(*timer, calls);
+  });
+  EXPECT_EQ(report.points, 0);
+}
+
+TEST(SimpleTimerAllocationFaultSweep, StopAndStopNoBlockDoNotAllocate) {
+  const auto report = sweepFaults(FaultKind::kAllocation, [](FaultRun& run) {
+    LogCapture::reset();
+    startEngine();
+    const DescriptorsFromHere descriptors(run);
+    Counter calls;
+    std::optional<Timer> timer;
+    emplaceTimer(timer, "halt", &calls);
+    ASSERT_EQ(timer->changeTimeout(kLater), 0);
+    ASSERT_EQ(timer->start(), 0);
+    run.armed([&] { EXPECT_EQ(timer->stop(), 0); });
+    EXPECT_FALSE(timer->isStarted());
+    EXPECT_TRUE(timer->needStop());
+    ASSERT_EQ(timer->start(), 0);
+    run.armed([&] { EXPECT_EQ(timer->stopNoBlock(), 0); });
+    EXPECT_FALSE(timer->isStarted());
+    EXPECT_TRUE(timer->needStop());
+    EXPECT_EQ(LogCapture::count(5000, removedFromHeadLine("halt")), 2u);
+    ASSERT_EQ(timer->changeTimeout(kSoon), 0);
+    expectWorkingOnceTimer(*timer, calls);
+  });
+  EXPECT_EQ(report.points, 0);
+}
+
+TEST(SimpleTimerAllocationFaultSweep, NameReturnsACopyOrThrows) {
+  const auto report = sweepFaults(FaultKind::kAllocation, [](FaultRun& run) {
+    startEngine();
+    const DescriptorsFromHere descriptors(run);
+    Counter calls;
+    const std::string longName = "a name longer than the inline buffer";
+    std::optional<Timer> timer;
+    emplaceTimer(timer, longName, &calls);
+    std::string name;
+    const bool threw = run.throws<std::bad_alloc>([&] { name = timer->name(); });
+    EXPECT_EQ(threw, run.injected());
+    EXPECT_EQ(timer->name(), longName);
+  });
+  EXPECT_EQ(report.points, 1);
+}
+
+}  // namespace
