@@ -41,6 +41,9 @@ using velmora::testing::timerLogLine;
 
 constexpr TimeoutTime kSoon = {0, 20, 0};
 constexpr TimeoutTime kLater = {60, 0, 0};
+// The engine's pipe, made by the first Timer of the process and kept for good.
+constexpr int kEngineDescriptors = 2;
+
 void countCall(Timer*, void* calls) {
   static_cast<Counter*>(calls)->increment();
 }
@@ -55,6 +58,13 @@ struct LargeHandler {
   }
 };
 
+std::string createFailureLine() {
+  return timerLogLine("Timer::Timer(", "Timer", "Fail to create", "Fail to create TimerImpl.\n");
+}
+std::string noImplementationLine(const std::string& function) {
+  return timerLogLine(" Timer::" + function + "()", function, "m_impl is NULL",
+                      "m_impl is NULL.\n");
+}
 std::string removedFromHeadLine(const std::string& name) {
   return timerLogLine("void RemoveTimer(", "RemoveTimer", "from head",
                       "Remove timer('" + name + "') from head, send CMD_RESCHEDULE(2).\n");
@@ -96,6 +106,90 @@ class DescriptorsFromHere {
  private:
   const int before_;
 };
+
+// The engine runs and its pipe is open: a fresh timer fires.
+void expectWorkingEngine() {
+  Counter calls;
+  std::optional<Timer> probe;
+  emplaceTimer(probe, "probe", &calls);
+  expectWorkingOnceTimer(*probe, calls);
+}
+
+// The first Timer of a process creates the engine. A failure to start the engine thread (its
+// allocation or its creation) leaves the constructor, closes the pipe again and lets the next
+// Timer try anew; a failure to create the implementation leaves a Timer that refuses every call.
+void sweepFirstConstruction(FaultRun& run) {
+  LogCapture::reset();
+  run.descriptorsMayStayOpen();
+  // The harness forwards pthread_create to a definition it looks up, allocating, on first use:
+  // no part of the constructor.
+  std::thread([] {}).join();
+  const int descriptorsBefore = openDescriptorCount();
+  Counter calls;
+  std::optional<Timer> timer;
+  std::string name = "first";
+  const bool threw =
+      run.kind() == FaultKind::kAllocation
+          ? run.throws<std::bad_alloc>([&] { emplaceTimer(timer, name, &calls); })
+          : run.throws<std::system_error>([&] { emplaceTimer(timer, name, &calls); });
+  if (threw) {
+    EXPECT_FALSE(timer.has_value());
+    EXPECT_EQ(openDescriptorCount(), descriptorsBefore) << "the pipe of the engine that failed";
+    EXPECT_TRUE(NotLogged(createFailureLine()));
+    emplaceTimer(timer, "first", &calls);
+  }
+  EXPECT_EQ(openDescriptorCount(), descriptorsBefore + kEngineDescriptors);
+  if (run.injected() && !threw) {
+    ASSERT_EQ(run.kind(), FaultKind::kAllocation);
+    EXPECT_TRUE(LoggedOnce(1000, createFailureLine()));
+    EXPECT_EQ(timer->start(), -1);
+    EXPECT_TRUE(LoggedOnce(1000, noImplementationLine("start")));
+    EXPECT_FALSE(timer->isStarted());
+    expectWorkingEngine();
+  } else {
+    EXPECT_TRUE(NotLogged(createFailureLine()));
+    expectWorkingOnceTimer(*timer, calls);
+  }
+  EXPECT_EQ(openDescriptorCount(), descriptorsBefore + kEngineDescriptors);
+}
+
+TEST(SimpleTimerAllocationFaultSweep, FirstConstructorThrowsOrReportsTheMissingImplementation) {
+  const auto report = sweepFaults(FaultKind::kAllocation, sweepFirstConstruction);
+  EXPECT_EQ(report.points, 3);
+}
+
+TEST(SimpleTimerThreadFaultSweep, FirstConstructorPassesOnAnEngineThreadThatCannotStart) {
+  const auto report = sweepFaults(FaultKind::kThreadCreation, sweepFirstConstruction);
+  EXPECT_EQ(report.points, 1);
+}
+
+// With the engine running, only the implementation is created: a failure there is reported and
+// leaves a Timer that refuses every call, never an exception.
+TEST(SimpleTimerAllocationFaultSweep, LaterConstructorReportsTheMissingImplementation) {
+  const auto report = sweepFaults(FaultKind::kAllocation, [](FaultRun& run) {
+    LogCapture::reset();
+    startEngine();
+    const DescriptorsFromHere descriptors(run);
+    Counter calls;
+    std::optional<Timer> timer;
+    std::string name = "later";
+    run.armed([&] { emplaceTimer(timer, std::move(name), &calls); });
+    if (run.injected()) {
+      EXPECT_TRUE(LoggedOnce(1000, createFailureLine()));
+      EXPECT_EQ(timer->start(), -1);
+      EXPECT_TRUE(LoggedOnce(1000, noImplementationLine("start")));
+      EXPECT_EQ(timer->stop(), -1);
+      EXPECT_TRUE(LoggedOnce(1000, noImplementationLine("stop")));
+      EXPECT_FALSE(timer->isStarted());
+      EXPECT_TRUE(timer->needStop());
+      timer.reset();
+      emplaceTimer(timer, "later", &calls);
+    }
+    EXPECT_EQ(timer->name(), "later");
+    expectWorkingOnceTimer(*timer, calls);
+  });
+  EXPECT_EQ(report.points, 2);
+}
 
 TEST(SimpleTimerThreadFaultSweep, LaterOperationsStartNoThread) {
   const auto report = sweepFaults(FaultKind::kThreadCreation, [](FaultRun& run) {

@@ -60,7 +60,6 @@ constexpr int CMD_RESCHEDULE = 2;
 std::list<std::shared_ptr<TimerImpl>> s_timerList;
 std::mutex s_timerListMutex;
 int s_cmdPipe[2] = {0, 0};
-pthread_once_t s_startOnce = PTHREAD_ONCE_INIT;
 
 // The engine loop is split into helpers; its lines carry the loop's own name.
 #define ENGINE_LOG(level, format, ...) \
@@ -311,12 +310,21 @@ void StartTimerThreadOnce() {
   MakeWritesNonBlocking();
   try {
     std::thread(HandleTimerThread).detach();
-  } catch (const std::system_error&) {
-    // The failure still reaches the Timer constructor; the once-control is reset by the
-    // exception, so the next Timer tries again with a pipe of its own: this one must not leak.
+  } catch (...) {
+    // The failure (std::bad_alloc or std::system_error) reaches the Timer constructor and the
+    // next Timer tries again with a pipe of its own: this one must not leak.
     ClosePipe();
     throw;
   }
+}
+
+// Starts the engine for the first Timer of the process. A failed pipe is final (logged; timers
+// then never fire). A failure to start the engine thread leaves the constructor and no trace, so
+// the next Timer tries again: a function-local static, unlike a once-control, is initialised
+// again after its initialisation threw, on every platform and under every sanitizer.
+void EnsureEngineStarted() {
+  static const bool started = (StartTimerThreadOnce(), true);
+  (void)started;
 }
 
 #undef ENGINE_LOG
@@ -461,11 +469,16 @@ void TimerImpl::caculateTimeout() {
 
 Timer::Timer(std::string name, TimeoutTime timeout, std::function<void(Timer*, void*)> handler,
              void* userData, TimerType_e type) {
-  pthread_once(&s_startOnce, StartTimerThreadOnce);
-  m_impl = std::shared_ptr<TimerImpl>(
-      new (std::nothrow)
-          TimerImpl(this, std::move(name), timeout, std::move(handler), userData, type),
-      TimerImplDeleter());
+  EnsureEngineStarted();
+  TimerImpl* impl = new (std::nothrow)
+      TimerImpl(this, std::move(name), timeout, std::move(handler), userData, type);
+  if (impl != nullptr) {
+    try {
+      m_impl.reset(impl, TimerImplDeleter());
+    } catch (const std::bad_alloc&) {
+      // No shared owner could be made; reset() has deleted impl. Reported below.
+    }
+  }
   if (!m_impl) {
     VELMORA_LOG(kLogError, "Fail to create TimerImpl.\n");
   }

@@ -10,7 +10,9 @@
 ///     timer.start();  // first expiry 500 ms from now, then every 500 ms from each handling
 ///     timer.stop();   // returns once no handler call of this timer is in progress
 ///
-/// Every operation returns 0 on success and -1 on a refusal, which is logged, never thrown.
+/// Every operation returns 0 on success and -1 on a refusal, which is logged, never thrown. Short
+/// of memory, an operation either throws std::bad_alloc and leaves the timer as it was, or says
+/// below what it does instead.
 ///
 /// Quirks kept on purpose:
 /// - stop(), restart() and ~Timer wait for a running handler call of their timer, so called from
@@ -76,7 +78,9 @@ class VELMORA_BASE_EXPORT Timer {
   /// Starts the shared engine on first use and creates the timer stopped. An empty handler, or
   /// CONTINUE with {0, 0, 0} (`"When type is CONTINUE, the timeout cannot be {0, 0, 0}.\n"`,
   /// level 1000), makes it invalid: start() is refused until setProperty() succeeds. If no
-  /// implementation results, logs `"Fail to create TimerImpl.\n"` (level 1000).
+  /// implementation results (no memory for it), logs `"Fail to create TimerImpl.\n"` (level
+  /// 1000) and every later call refuses. Throws std::system_error or std::bad_alloc when the
+  /// engine thread cannot be started; the next Timer then tries again.
   Timer(std::string name, TimeoutTime timeout, std::function<void(Timer*, void*)> handler,
         void* userData, TimerType_e type);
   /// Takes the timer off the engine and waits for a running handler call (so it must not run
