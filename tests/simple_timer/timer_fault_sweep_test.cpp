@@ -58,6 +58,49 @@ struct LargeHandler {
   }
 };
 
+// Holds every thread but the test's own at its next log statement while closed. Closed while
+// the engine waits on its pipe, the engine stops before its next step and outside the list lock:
+// an armed window then sees none of its work until the gate opens.
+struct EngineGate {
+  std::mutex mutex;
+  std::condition_variable opened;
+  bool closed = false;
+  std::thread::id owner;
+};
+
+EngineGate& engineGate() {
+  static EngineGate* gate = new EngineGate();
+  return *gate;
+}
+
+int passEngineGate(const LogFrame&) {
+  EngineGate& gate = engineGate();
+  std::unique_lock<std::mutex> lock(gate.mutex);
+  if (std::this_thread::get_id() != gate.owner) {
+    gate.opened.wait(lock, [&] { return !gate.closed; });
+  }
+  return 1;
+}
+
+void closeEngineGate() {
+  EngineGate& gate = engineGate();
+  {
+    std::lock_guard<std::mutex> lock(gate.mutex);
+    gate.closed = true;
+    gate.owner = std::this_thread::get_id();
+  }
+  LogCapture::setAnswer(passEngineGate);
+}
+
+void openEngineGate() {
+  EngineGate& gate = engineGate();
+  {
+    std::lock_guard<std::mutex> lock(gate.mutex);
+    gate.closed = false;
+  }
+  gate.opened.notify_all();
+}
+
 std::string createFailureLine() {
   return timerLogLine("Timer::Timer(", "Timer", "Fail to create", "Fail to create TimerImpl.\n");
 }
@@ -65,9 +108,16 @@ std::string noImplementationLine(const std::string& function) {
   return timerLogLine(" Timer::" + function + "()", function, "m_impl is NULL",
                       "m_impl is NULL.\n");
 }
+std::string stopLine(const std::string& name) {
+  return timerLogLine("int Timer::stop()", "stop", "Stop timer", "Stop timer:'" + name + "'.\n");
+}
 std::string removedFromHeadLine(const std::string& name) {
   return timerLogLine("void RemoveTimer(", "RemoveTimer", "from head",
                       "Remove timer('" + name + "') from head, send CMD_RESCHEDULE(2).\n");
+}
+std::string onceExpiryLine(const std::string& name) {
+  return timerLogLine("void HandleTimeout()", "HandleTimeout", "is ONCE",
+                      "Timer:'" + name + "' type is ONCE, stop now.\n");
 }
 // A timer made of prepared arguments, so that building them is no part of the armed call.
 void emplaceTimer(std::optional<Timer>& timer, std::string name, Counter* calls,
@@ -210,6 +260,76 @@ TEST(SimpleTimerThreadFaultSweep, LaterOperationsStartNoThread) {
     EXPECT_FALSE(timer->isStarted());
   });
   EXPECT_EQ(report.points, 0);
+}
+
+// A start that runs out of memory leaves the timer stopped, with its stop request standing; the
+// next start arms it. The engine is held while armed, so the expiry is no part of the window.
+TEST(SimpleTimerAllocationFaultSweep, StartArmsTheTimerOrLeavesItStopped) {
+  const auto report = sweepFaults(FaultKind::kAllocation, [](FaultRun& run) {
+    LogCapture::reset();
+    startEngine();
+    const DescriptorsFromHere descriptors(run);
+    Counter calls;
+    std::optional<Timer> timer;
+    emplaceTimer(timer, "start", &calls);
+    ASSERT_EQ(timer->stopNoBlock(), 0);
+    closeEngineGate();
+    int result = -1;
+    const bool threw = run.throws<std::bad_alloc>([&] { result = timer->start(); });
+    EXPECT_EQ(threw, run.injected());
+    if (threw) {
+      EXPECT_FALSE(timer->isStarted());
+      EXPECT_TRUE(timer->needStop());
+      EXPECT_EQ(timer->start(), 0);
+    } else {
+      EXPECT_EQ(result, 0);
+    }
+    EXPECT_TRUE(timer->isStarted());
+    EXPECT_FALSE(timer->needStop());
+    openEngineGate();
+    ASSERT_TRUE(calls.waitAtLeast(1));
+    EXPECT_FALSE(timer->isStarted());
+    EXPECT_TRUE(LoggedOnce(5000, onceExpiryLine("start")));
+    EXPECT_EQ(calls.value(), 1);
+  });
+  EXPECT_EQ(report.points, 1);
+}
+
+// A restart that runs out of memory leaves the timer running with its old expiry: still at the
+// head of the engine's list, not even stopped for a moment.
+TEST(SimpleTimerAllocationFaultSweep, RestartRearmsOrLeavesTheTimerRunning) {
+  const auto report = sweepFaults(FaultKind::kAllocation, [](FaultRun& run) {
+    LogCapture::reset();
+    startEngine();
+    const DescriptorsFromHere descriptors(run);
+    Counter calls;
+    std::optional<Timer> timer;
+    emplaceTimer(timer, "again", &calls);
+    ASSERT_EQ(timer->changeTimeout(kLater), 0);
+    ASSERT_EQ(timer->start(), 0);
+    int result = -1;
+    const bool threw = run.throws<std::bad_alloc>([&] { result = timer->restart(); });
+    EXPECT_EQ(threw, run.injected());
+    EXPECT_TRUE(timer->isStarted());
+    if (threw) {
+      EXPECT_TRUE(NotLogged(stopLine("again")));
+      EXPECT_FALSE(timer->needStop());
+      EXPECT_EQ(timer->restart(), 0);
+    } else {
+      EXPECT_EQ(result, 0);
+    }
+    EXPECT_TRUE(LoggedOnce(5000, stopLine("again")));
+    EXPECT_TRUE(timer->isStarted());
+    const size_t removals = LogCapture::count(5000, removedFromHeadLine("again"));
+    EXPECT_EQ(timer->stop(), 0);
+    EXPECT_EQ(LogCapture::count(5000, removedFromHeadLine("again")), removals + 1)
+        << "the restarted timer was at the head of the engine's list";
+    ASSERT_EQ(timer->changeTimeout(kSoon), 0);
+    ASSERT_EQ(timer->restart(), 0);
+    ASSERT_TRUE(calls.waitAtLeast(1));
+    EXPECT_FALSE(timer->isStarted());
+  });
+  EXPECT_EQ(report.points, 1);
 }
 
 // setProperty and changeHandler copy the handler they are given; a failed copy changes nothing.

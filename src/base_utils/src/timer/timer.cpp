@@ -31,6 +31,9 @@ struct TimerImplAccess {
   static const std::string& name(const TimerImpl& timer) { return timer.m_name; }
   static TimerImpl::ExpiredTime expiry(const TimerImpl& timer) { return timer.m_expiredTime; }
   static bool isOnce(const TimerImpl& timer) { return timer.m_type == ONCE; }
+  static void markStarted(TimerImpl& timer) {
+    timer.m_started.store(true, std::memory_order_relaxed);
+  }
   static void markStopped(TimerImpl& timer) {
     timer.m_started.store(false, std::memory_order_release);
   }
@@ -57,7 +60,13 @@ namespace {
 constexpr int CMD_START = 1;
 constexpr int CMD_RESCHEDULE = 2;
 
-std::list<std::shared_ptr<TimerImpl>> s_timerList;
+// A list of timers. A timer joins s_timerList as a one-entry list made beforehand and spliced
+// in, since splicing moves list nodes without allocating: once that entry exists, no step of
+// starting or re-arming a timer can fail for want of memory.
+using TimerList = std::list<std::shared_ptr<TimerImpl>>;
+
+// The started timers in ascending order of expiry. Guarded by s_timerListMutex.
+TimerList s_timerList;
 std::mutex s_timerListMutex;
 int s_cmdPipe[2] = {0, 0};
 
@@ -107,13 +116,15 @@ int ReadCmd() {
   return cmd;
 }
 
-// Inserts behind every timer with an equal or earlier expiry. The caller holds s_timerListMutex.
-void InsterTimer(const std::shared_ptr<TimerImpl>& timer, bool sendCommand) {
+// Moves the one timer of entry into s_timerList, behind every timer with an equal or earlier
+// expiry. The caller holds s_timerListMutex.
+void InsterTimer(TimerList& entry, bool sendCommand) {
+  const std::shared_ptr<TimerImpl>& timer = entry.front();
   const std::string& name = TimerImplAccess::name(*timer);
   VELMORA_LOG(kLogVerbose, "Begin inster timer:'%s'.\n", name.c_str());
   if (s_timerList.empty()) {
     VELMORA_LOG(kLogVerbose, "Has no timer yet, insert timer:'%s' to head.\n", name.c_str());
-    s_timerList.push_front(timer);
+    s_timerList.splice(s_timerList.begin(), entry);
     if (sendCommand) {
       VELMORA_LOG(kLogVerbose, "Send CMD_START(%d) because of timer('%s').\n", CMD_START,
                   name.c_str());
@@ -124,7 +135,7 @@ void InsterTimer(const std::shared_ptr<TimerImpl>& timer, bool sendCommand) {
   const TimerImpl::ExpiredTime expiry = TimerImplAccess::expiry(*timer);
   if (isEarlier(expiry, TimerImplAccess::expiry(*s_timerList.front()))) {
     VELMORA_LOG(kLogVerbose, "Insert timer:'%s' to head.\n", name.c_str());
-    s_timerList.push_front(timer);
+    s_timerList.splice(s_timerList.begin(), entry);
     if (sendCommand) {
       VELMORA_LOG(kLogVerbose, "Send CMD_RESCHEDULE(%d) because of timer('%s').\n", CMD_RESCHEDULE,
                   name.c_str());
@@ -137,7 +148,7 @@ void InsterTimer(const std::shared_ptr<TimerImpl>& timer, bool sendCommand) {
     ++position;
   }
   VELMORA_LOG(kLogVerbose, "Insert timer:'%s' to normal position.\n", name.c_str());
-  s_timerList.insert(position, timer);
+  s_timerList.splice(position, entry);
 }
 
 void RemoveTimer(const std::shared_ptr<TimerImpl>& timer) {
@@ -204,8 +215,9 @@ void HandleTimeout() {
   }
   std::lock_guard<std::mutex> lock(s_timerListMutex);
   while (!s_timerList.empty() && isDue(TimerImplAccess::expiry(*s_timerList.front()), now)) {
-    std::shared_ptr<TimerImpl> timer = s_timerList.front();
-    s_timerList.pop_front();
+    TimerList entry;
+    entry.splice(entry.begin(), s_timerList, s_timerList.begin());
+    std::shared_ptr<TimerImpl> timer = entry.front();
     const char* name = TimerImplAccess::name(*timer).c_str();
     if (TimerImplAccess::isOnce(*timer)) {
       VELMORA_LOG(kLogVerbose, "Timer:'%s' type is ONCE, stop now.\n", name);
@@ -213,7 +225,7 @@ void HandleTimeout() {
     } else {
       VELMORA_LOG(kLogVerbose, "Timer:'%s' type is CONTINUE, reschedule it.\n", name);
       timer->caculateExpiredTime();
-      InsterTimer(timer, false);
+      InsterTimer(entry, false);
     }
     std::thread([timer] { RunTimerHandler(timer); }).detach();
   }
@@ -326,6 +338,28 @@ void EnsureEngineStarted() {
   static const bool started = (StartTimerThreadOnce(), true);
   (void)started;
 }
+
+// Timer::start once the timer exists and is stopped: entry holds the timer's list entry, made
+// before anything changed, so that no step after TimerImpl::start can fail. It logs as start().
+#define START_LOG(level, format, ...) \
+  VELMORA_LOG_FULL("B-LOG", level, __LINE__, "start", format, ##__VA_ARGS__)
+int StartTimer(TimerList& entry) {
+  TimerImpl& timer = *entry.front();
+  const char* name = TimerImplAccess::name(timer).c_str();
+  if (!timer.propertyValid()) {
+    START_LOG(kLogError, "Property of timer('%s') is invalid, cannot start.\n", name);
+    return -1;
+  }
+  if (timer.start() != 0) {
+    START_LOG(kLogError, "Fail to start timer:'%s'.\n", name);
+    return -1;
+  }
+  TimerImplAccess::markStarted(timer);
+  std::lock_guard<std::mutex> lock(s_timerListMutex);
+  InsterTimer(entry, true);
+  return 0;
+}
+#undef START_LOG
 
 #undef ENGINE_LOG
 
@@ -505,19 +539,8 @@ int Timer::start() {
   if (m_impl->m_started.load(std::memory_order_acquire)) {
     return 0;
   }
-  if (!m_impl->m_propertyValid) {
-    VELMORA_LOG(kLogError, "Property of timer('%s') is invalid, cannot start.\n",
-                m_impl->m_name.c_str());
-    return -1;
-  }
-  if (m_impl->start() != 0) {
-    VELMORA_LOG(kLogError, "Fail to start timer:'%s'.\n", m_impl->m_name.c_str());
-    return -1;
-  }
-  m_impl->m_started.store(true, std::memory_order_relaxed);
-  std::lock_guard<std::mutex> lock(s_timerListMutex);
-  InsterTimer(std::shared_ptr<TimerImpl>(m_impl), true);
-  return 0;
+  TimerList entry(1, m_impl);  // std::bad_alloc here leaves the timer as it was
+  return StartTimer(entry);
 }
 
 int Timer::stop() {
@@ -552,11 +575,13 @@ int Timer::restart() {
     VELMORA_LOG(kLogError, "m_impl is NULL.\n");
     return -1;
   }
+  // Made before the stop, so that a restart short of memory leaves the timer running as it was.
+  TimerList entry(1, m_impl);
   if (stop() != 0) {
     VELMORA_LOG(kLogError, "Fail to stop timer:'%s'.\n", m_impl->m_name.c_str());
     return -1;
   }
-  if (start() != 0) {
+  if (StartTimer(entry) != 0) {
     VELMORA_LOG(kLogError, "Fail to start timer:'%s'.\n", m_impl->m_name.c_str());
     return -1;
   }

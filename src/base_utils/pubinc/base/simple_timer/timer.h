@@ -96,6 +96,7 @@ class VELMORA_BASE_EXPORT Timer {
   /// countdown is not restarted). Returns -1 for an invalid timer
   /// (`"Property of timer('%s') is invalid, cannot start.\n"`, level 1000) and when the clock
   /// cannot be read (TimerImpl::start's lines, then `"Fail to start timer:'%s'.\n"` again).
+  /// std::bad_alloc leaves the timer stopped, its stop request standing.
   int start();
   /// Disarms the timer and waits until no handler call of it is in progress: 0. Logs
   /// `"Stop timer:'%s'.\n"` (level 5000). Never returns when called from this timer's own
@@ -106,6 +107,7 @@ class VELMORA_BASE_EXPORT Timer {
   int stopNoBlock();
   /// stop() then start(): the full timeout counts again from now. 0, or -1 with
   /// `"Fail to stop timer:'%s'.\n"` or `"Fail to start timer:'%s'.\n"` (level 1000).
+  /// std::bad_alloc comes before the stop: the timer runs on as it was.
   int restart();
 
   /// Replaces timeout, handler, user data and type, and makes the timer valid: 0. Returns -1
