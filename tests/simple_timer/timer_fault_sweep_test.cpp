@@ -48,6 +48,13 @@ void countCall(Timer*, void* calls) {
   static_cast<Counter*>(calls)->increment();
 }
 
+// The handler call is where an expiry's work ends: the armed window of an expiry sweep closes
+// there, before anything else in the process allocates.
+void disarmAndCount(Timer*, void* calls) {
+  velmora::testing::disarmFaults();
+  static_cast<Counter*>(calls)->increment();
+}
+
 // Too large for std::function's inline storage, so copying a handler that holds it allocates.
 struct LargeHandler {
   Counter* own;
@@ -116,9 +123,18 @@ std::string removedFromHeadLine(const std::string& name) {
                       "Remove timer('" + name + "') from head, send CMD_RESCHEDULE(2).\n");
 }
 std::string onceExpiryLine(const std::string& name) {
-  return timerLogLine("void HandleTimeout()", "HandleTimeout", "is ONCE",
+  return timerLogLine("bool HandleTimeout()", "HandleTimeout", "is ONCE",
                       "Timer:'" + name + "' type is ONCE, stop now.\n");
 }
+std::string continueExpiryLine(const std::string& name) {
+  return timerLogLine("bool HandleTimeout()", "HandleTimeout", "is CONTINUE",
+                      "Timer:'" + name + "' type is CONTINUE, reschedule it.\n");
+}
+std::string expiryRetryLine(const std::string& name) {
+  return timerLogLine("bool HandleTimeout()", "HandleTimeout", "retry later",
+                      "Fail to start handler of timer:'" + name + "', no memory, retry later.\n");
+}
+
 // A timer made of prepared arguments, so that building them is no part of the armed call.
 void emplaceTimer(std::optional<Timer>& timer, std::string name, Counter* calls,
                   TimerType_e type = ONCE, TimerHandler handler = countCall) {
@@ -427,6 +443,68 @@ TEST(SimpleTimerAllocationFaultSweep, NameReturnsACopyOrThrows) {
     const bool threw = run.throws<std::bad_alloc>([&] { name = timer->name(); });
     EXPECT_EQ(threw, run.injected());
     EXPECT_EQ(timer->name(), longName);
+  });
+  EXPECT_EQ(report.points, 1);
+}
+
+// An expiry: the engine takes the due timer off its list (re-arming a CONTINUE one) and starts
+// its handler thread. Short of memory for that, it leaves the timer due at the head of its list,
+// logs it and tries again shortly: the handler runs once, late.
+void sweepExpiry(FaultRun& run, TimerType_e type) {
+  LogCapture::reset();
+  startEngine();
+  const DescriptorsFromHere descriptors(run);
+  Counter calls;
+  std::optional<Timer> timer;
+  const std::string name = type == ONCE ? "once" : "repeat";
+  emplaceTimer(timer, name, &calls, type, disarmAndCount);
+  closeEngineGate();
+  ASSERT_EQ(timer->start(), 0);
+  run.armed([&] {
+    openEngineGate();
+    ASSERT_TRUE(calls.waitAtLeast(1));
+  });
+  if (type == ONCE) {
+    EXPECT_FALSE(timer->isStarted());
+    EXPECT_TRUE(LoggedOnce(5000, onceExpiryLine(name)));
+    EXPECT_EQ(calls.value(), 1);
+  } else {
+    EXPECT_TRUE(Logged(5000, continueExpiryLine(name)));
+    EXPECT_TRUE(timer->isStarted());
+    EXPECT_EQ(timer->stop(), 0);
+  }
+  if (run.injected()) {
+    EXPECT_TRUE(LoggedOnce(1000, expiryRetryLine(name)));
+  } else {
+    EXPECT_TRUE(NotLogged(expiryRetryLine(name)));
+  }
+  const int callsBefore = calls.value();
+  if (type == ONCE) {
+    expectWorkingOnceTimer(*timer, calls);
+  } else {
+    ASSERT_EQ(timer->start(), 0);
+    ASSERT_TRUE(calls.waitAtLeast(callsBefore + 1));
+    EXPECT_EQ(timer->stop(), 0);
+  }
+}
+
+TEST(SimpleTimerAllocationFaultSweep, OnceExpiryFiresOnceEvenWhenItMustWaitForMemory) {
+  const auto report =
+      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { sweepExpiry(run, ONCE); });
+  EXPECT_EQ(report.points, 1);
+}
+
+TEST(SimpleTimerAllocationFaultSweep, ContinueExpiryStaysArmedEvenWhenItMustWaitForMemory) {
+  const auto report =
+      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { sweepExpiry(run, CONTINUE); });
+  EXPECT_EQ(report.points, 1);
+}
+
+// The engine does not catch a failure to create an expiry's handler thread: the process ends.
+TEST(SimpleTimerThreadFaultSweep, ExpiryWhoseHandlerThreadCannotStartEndsTheProcess) {
+  const auto report = sweepFaults(FaultKind::kThreadCreation, [](FaultRun& run) {
+    run.terminationAllowedAfterFault();
+    sweepExpiry(run, ONCE);
   });
   EXPECT_EQ(report.points, 1);
 }

@@ -14,6 +14,7 @@
 
 #include <cstring>
 #include <list>
+#include <memory>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -69,6 +70,10 @@ using TimerList = std::list<std::shared_ptr<TimerImpl>>;
 TimerList s_timerList;
 std::mutex s_timerListMutex;
 int s_cmdPipe[2] = {0, 0};
+
+// After an expiry found no memory for its handler thread, the engine waits this long before it
+// tries again, rather than spinning on a timer that stays due.
+constexpr timeval kRetryAfterNoMemory = {0, 10000};
 
 // The engine loop is split into helpers; its lines carry the loop's own name.
 #define ENGINE_LOG(level, format, ...) \
@@ -179,6 +184,33 @@ void RunTimerHandler(std::shared_ptr<TimerImpl> timer) {
   TimerImplAccess::runHandler(*timer);
 }
 
+// What a handler thread is given: a shared owner of its timer, taken while the timer is still
+// in the list, so that a concurrent ~Timer cannot destroy the timer before the call.
+struct HandlerThreadStart {
+  std::shared_ptr<TimerImpl> timer;
+};
+
+// An exception from the handler (an empty one throws std::bad_function_call) ends the process.
+void* RunHandlerThread(void* start) noexcept {
+  std::unique_ptr<HandlerThreadStart> owned(static_cast<HandlerThreadStart*>(start));
+  RunTimerHandler(std::move(owned->timer));
+  return nullptr;
+}
+
+// Starts a detached handler thread, which then owns start. The record is allocated apart from
+// the thread (std::thread would do both in one step), so that an expiry short of memory fails
+// before it has changed anything. A failure to create the thread throws std::system_error, as
+// std::thread does; the engine does not catch it.
+void StartHandlerThread(std::unique_ptr<HandlerThreadStart> start) {
+  pthread_t thread;
+  const int error = pthread_create(&thread, nullptr, RunHandlerThread, start.get());
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category());
+  }
+  start.release();
+  pthread_detach(thread);
+}
+
 // How long to wait for the head's expiry; microseconds truncated, so the engine may wake up to
 // 999 ns early and then finds nothing due.
 timeval CaculateSelectTimeout(const TimerImpl::ExpiredTime& expiry) {
@@ -205,30 +237,40 @@ timeval CaculateSelectTimeout(const TimerImpl::ExpiredTime& expiry) {
 }
 
 // Takes every due timer off the list, re-arms CONTINUE timers from now, stops ONCE timers, and
-// starts one handler thread per expiry.
-void HandleTimeout() {
+// starts one handler thread per expiry. Returns false when there was no memory for a handler
+// thread: that timer is left due at the head of the list, untouched, for a later pass.
+bool HandleTimeout() {
   timespec now = {0, 0};
   errno = 0;
   if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
     VELMORA_LOG(kLogError, "Fail to get now time, errorno(%d):'%s'.\n", errno, strerror(errno));
-    return;
+    return true;
   }
   std::lock_guard<std::mutex> lock(s_timerListMutex);
   while (!s_timerList.empty() && isDue(TimerImplAccess::expiry(*s_timerList.front()), now)) {
+    std::unique_ptr<HandlerThreadStart> start;
+    try {
+      start.reset(new HandlerThreadStart{s_timerList.front()});
+    } catch (const std::bad_alloc&) {
+      VELMORA_LOG(kLogError, "Fail to start handler of timer:'%s', no memory, retry later.\n",
+                  TimerImplAccess::name(*s_timerList.front()).c_str());
+      return false;
+    }
     TimerList entry;
     entry.splice(entry.begin(), s_timerList, s_timerList.begin());
-    std::shared_ptr<TimerImpl> timer = entry.front();
-    const char* name = TimerImplAccess::name(*timer).c_str();
-    if (TimerImplAccess::isOnce(*timer)) {
+    TimerImpl& timer = *entry.front();
+    const char* name = TimerImplAccess::name(timer).c_str();
+    if (TimerImplAccess::isOnce(timer)) {
       VELMORA_LOG(kLogVerbose, "Timer:'%s' type is ONCE, stop now.\n", name);
-      TimerImplAccess::markStopped(*timer);
+      TimerImplAccess::markStopped(timer);
     } else {
       VELMORA_LOG(kLogVerbose, "Timer:'%s' type is CONTINUE, reschedule it.\n", name);
-      timer->caculateExpiredTime();
+      timer.caculateExpiredTime();
       InsterTimer(entry, false);
     }
-    std::thread([timer] { RunTimerHandler(timer); }).detach();
+    StartHandlerThread(std::move(start));
   }
+  return true;
 }
 
 // Waits for the pipe to become readable: for ever (null wait) or for the given time. The result
@@ -259,6 +301,7 @@ void WaitForFirstTimer() {
 
 // The armed loop: waits for the head's expiry or a command until the list is empty.
 void ServeTimers() {
+  bool shortOfMemory = false;
   for (;;) {
     TimerImpl::ExpiredTime expiry = {0, 0};
     {
@@ -273,7 +316,10 @@ void ServeTimers() {
                  TimerImplAccess::name(head).c_str(), static_cast<long>(expiry.sec),
                  static_cast<long>(expiry.nsec));
     }
-    const timeval wait = CaculateSelectTimeout(expiry);
+    timeval wait = CaculateSelectTimeout(expiry);
+    if (shortOfMemory && timercmp(&wait, &kRetryAfterNoMemory, <)) {
+      wait = kRetryAfterNoMemory;
+    }
     const int result = WaitOnPipe(&wait);
     if (result == -1) {
       ENGINE_LOG(kLogError, "Fail to select, errno(%d):'%s'.\n", errno, strerror(errno));
@@ -282,7 +328,7 @@ void ServeTimers() {
       ENGINE_LOG(kLogVerbose, "Need reschedule, continue.\n");
     } else {
       ENGINE_LOG(kLogVerbose, "Timeout.\n");
-      HandleTimeout();
+      shortOfMemory = !HandleTimeout();
     }
   }
 }

@@ -22,6 +22,10 @@
 ///   such a call sees needStop() true. Do not change the handler in that window.
 /// - A CONTINUE timer is re-armed from the moment its expiry is handled, so lateness accumulates;
 ///   a handler that runs longer than the period overlaps with the next call on another thread.
+/// - An expiry that finds no memory for its handler thread is logged
+///   (`"Fail to start handler of timer:'%s', no memory, retry later.\n"`, level 1000) and
+///   handled again 10 ms later: the handler runs late, but once. A failure to create the
+///   handler thread itself ends the process (std::system_error on the engine thread).
 /// - setProperty() accepts an empty handler: the timer then starts, and its first expiry throws
 ///   std::bad_function_call on the handler thread, which ends the process.
 /// - The Timer pointer passed to the handler is the owning Timer; a handler must not use it once
