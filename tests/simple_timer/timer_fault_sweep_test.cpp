@@ -41,6 +41,9 @@ using velmora::testing::timerLogLine;
 
 constexpr TimeoutTime kSoon = {0, 20, 0};
 constexpr TimeoutTime kLater = {60, 0, 0};
+// A CONTINUE period long enough for the handler thread of one expiry to run (and close the armed
+// window) before the next expiry, also under ThreadSanitizer or an emulator on a busy machine.
+constexpr TimeoutTime kPeriod = {0, 500, 0};
 // The engine's pipe, made by the first Timer of the process and kept for good.
 constexpr int kEngineDescriptors = 2;
 
@@ -458,6 +461,9 @@ void sweepExpiry(FaultRun& run, TimerType_e type) {
   std::optional<Timer> timer;
   const std::string name = type == ONCE ? "once" : "repeat";
   emplaceTimer(timer, name, &calls, type, disarmAndCount);
+  if (type == CONTINUE) {
+    ASSERT_EQ(timer->changeTimeout(kPeriod), 0);
+  }
   closeEngineGate();
   ASSERT_EQ(timer->start(), 0);
   run.armed([&] {
