@@ -268,13 +268,13 @@ TEST(SimpleTimerThreadFaultSweep, LaterOperationsStartNoThread) {
     std::optional<Timer> timer;
     run.armed([&] {
       emplaceTimer(timer, "later", &calls);
-      timer->changeTimeout(kLater);
-      timer->start();
-      timer->restart();
-      timer->stopNoBlock();
-      timer->setProperty(kLater, countCall, &calls, CONTINUE);
-      timer->start();
-      timer->stop();
+      EXPECT_EQ(timer->changeTimeout(kLater), 0);
+      EXPECT_EQ(timer->start(), 0);
+      EXPECT_EQ(timer->restart(), 0);
+      EXPECT_EQ(timer->stopNoBlock(), 0);
+      EXPECT_EQ(timer->setProperty(kLater, countCall, &calls, CONTINUE), 0);
+      EXPECT_EQ(timer->start(), 0);
+      EXPECT_EQ(timer->stop(), 0);
     });
     EXPECT_FALSE(timer->isStarted());
   });
