@@ -64,11 +64,11 @@ std::string insertLine(const std::string& fragment, const std::string& message) 
   return timerLogLine("void InsterTimer(", "InsterTimer", fragment, message);
 }
 std::string onceLine(const std::string& name) {
-  return timerLogLine("void HandleTimeout()", "HandleTimeout", "is ONCE",
+  return timerLogLine("bool HandleTimeout()", "HandleTimeout", "is ONCE",
                       "Timer:'" + name + "' type is ONCE, stop now.\n");
 }
 std::string continueLine(const std::string& name) {
-  return timerLogLine("void HandleTimeout()", "HandleTimeout", "is CONTINUE",
+  return timerLogLine("bool HandleTimeout()", "HandleTimeout", "is CONTINUE",
                       "Timer:'" + name + "' type is CONTINUE, reschedule it.\n");
 }
 
@@ -685,7 +685,7 @@ TEST_F(SimpleTimerEngineTest, EngineClockFailureWaitsZeroSkipsThePassAndRecovers
       timerLogLine("timeval CaculateSelectTimeout(", "CaculateSelectTimeout", "timeout is 0",
                    "Fail to get now time, errorno(22):'Invalid argument', timeout is 0.\n");
   const std::string handleClock =
-      timerLogLine("void HandleTimeout()", "HandleTimeout", "Fail to get now time",
+      timerLogLine("bool HandleTimeout()", "HandleTimeout", "Fail to get now time",
                    "Fail to get now time, errorno(22):'Invalid argument'.\n");
   ASSERT_TRUE(LogCapture::waitFor(selectClock));
   ASSERT_TRUE(LogCapture::waitFor(handleClock));

@@ -241,7 +241,7 @@ TEST_F(TimerPropertyTest, ContinueWithZeroTimeoutCannotStart) {
   EXPECT_EQ(timer.start(), -1);
   EXPECT_FALSE(timer.isStarted());
   EXPECT_TRUE(
-      LoggedOnce(1000, timerLogLine("int Timer::start()", "start", "is invalid",
+      LoggedOnce(1000, timerLogLine("int StartTimer(", "start", "is invalid",
                                     "Property of timer('cz') is invalid, cannot start.\n")));
 }
 
@@ -253,7 +253,7 @@ TEST_F(TimerPropertyTest, EmptyHandlerMakesTheTimerInvalidWithoutMessage) {
     EXPECT_EQ(entry.text.find("empty"), std::string::npos) << entry.text;
   }
   EXPECT_EQ(timer.start(), -1);
-  EXPECT_TRUE(LoggedOnce(1000, timerLogLine("int Timer::start()", "start", "is invalid",
+  EXPECT_TRUE(LoggedOnce(1000, timerLogLine("int StartTimer(", "start", "is invalid",
                                             "Property of timer('empty') is invalid, cannot "
                                             "start.\n")));
 }
@@ -297,7 +297,7 @@ TEST_F(TimerPropertyTest, OnlySetPropertyMakesAnInvalidTimerValid) {
   EXPECT_EQ(timer.changeType(ONCE), 0);
   EXPECT_EQ(timer.changeHandler(kNoop, nullptr), 0);
   EXPECT_EQ(timer.start(), -1);
-  EXPECT_EQ(LogCapture::count(1000, timerLogLine("int Timer::start()", "start", "is invalid",
+  EXPECT_EQ(LogCapture::count(1000, timerLogLine("int StartTimer(", "start", "is invalid",
                                                  "Property of timer('inv') is invalid, cannot "
                                                  "start.\n")),
             1u);
@@ -373,7 +373,7 @@ TEST_F(TimerPropertyTest, StartFailsWhenTheClockFails) {
   EXPECT_EQ(timer.start(), -1);
   velmora::testing::failClockOnThread(0);
   EXPECT_FALSE(timer.isStarted());
-  EXPECT_TRUE(LoggedOnce(1000, timerLogLine("int Timer::start()", "start", "Fail to start",
+  EXPECT_TRUE(LoggedOnce(1000, timerLogLine("int StartTimer(", "start", "Fail to start",
                                             "Fail to start timer:'nc'.\n")));
   EXPECT_TRUE(LoggedOnce(1000, timerLogLine("int TimerImpl::start()", "start", "Fail to start",
                                             "Fail to start timer:'nc'.\n")));

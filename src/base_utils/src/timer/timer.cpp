@@ -14,6 +14,7 @@
 
 #include <cstring>
 #include <list>
+#include <memory>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -31,6 +32,9 @@ struct TimerImplAccess {
   static const std::string& name(const TimerImpl& timer) { return timer.m_name; }
   static TimerImpl::ExpiredTime expiry(const TimerImpl& timer) { return timer.m_expiredTime; }
   static bool isOnce(const TimerImpl& timer) { return timer.m_type == ONCE; }
+  static void markStarted(TimerImpl& timer) {
+    timer.m_started.store(true, std::memory_order_relaxed);
+  }
   static void markStopped(TimerImpl& timer) {
     timer.m_started.store(false, std::memory_order_release);
   }
@@ -57,10 +61,19 @@ namespace {
 constexpr int CMD_START = 1;
 constexpr int CMD_RESCHEDULE = 2;
 
-std::list<std::shared_ptr<TimerImpl>> s_timerList;
+// A list of timers. A timer joins s_timerList as a one-entry list made beforehand and spliced
+// in, since splicing moves list nodes without allocating: once that entry exists, no step of
+// starting or re-arming a timer can fail for want of memory.
+using TimerList = std::list<std::shared_ptr<TimerImpl>>;
+
+// The started timers in ascending order of expiry. Guarded by s_timerListMutex.
+TimerList s_timerList;
 std::mutex s_timerListMutex;
 int s_cmdPipe[2] = {0, 0};
-pthread_once_t s_startOnce = PTHREAD_ONCE_INIT;
+
+// After an expiry found no memory for its handler thread, the engine waits this long before it
+// tries again, rather than spinning on a timer that stays due.
+constexpr timeval kRetryAfterNoMemory = {0, 10000};
 
 // The engine loop is split into helpers; its lines carry the loop's own name.
 #define ENGINE_LOG(level, format, ...) \
@@ -108,13 +121,15 @@ int ReadCmd() {
   return cmd;
 }
 
-// Inserts behind every timer with an equal or earlier expiry. The caller holds s_timerListMutex.
-void InsterTimer(const std::shared_ptr<TimerImpl>& timer, bool sendCommand) {
+// Moves the one timer of entry into s_timerList, behind every timer with an equal or earlier
+// expiry. The caller holds s_timerListMutex.
+void InsterTimer(TimerList& entry, bool sendCommand) {
+  const std::shared_ptr<TimerImpl>& timer = entry.front();
   const std::string& name = TimerImplAccess::name(*timer);
   VELMORA_LOG(kLogVerbose, "Begin inster timer:'%s'.\n", name.c_str());
   if (s_timerList.empty()) {
     VELMORA_LOG(kLogVerbose, "Has no timer yet, insert timer:'%s' to head.\n", name.c_str());
-    s_timerList.push_front(timer);
+    s_timerList.splice(s_timerList.begin(), entry);
     if (sendCommand) {
       VELMORA_LOG(kLogVerbose, "Send CMD_START(%d) because of timer('%s').\n", CMD_START,
                   name.c_str());
@@ -125,7 +140,7 @@ void InsterTimer(const std::shared_ptr<TimerImpl>& timer, bool sendCommand) {
   const TimerImpl::ExpiredTime expiry = TimerImplAccess::expiry(*timer);
   if (isEarlier(expiry, TimerImplAccess::expiry(*s_timerList.front()))) {
     VELMORA_LOG(kLogVerbose, "Insert timer:'%s' to head.\n", name.c_str());
-    s_timerList.push_front(timer);
+    s_timerList.splice(s_timerList.begin(), entry);
     if (sendCommand) {
       VELMORA_LOG(kLogVerbose, "Send CMD_RESCHEDULE(%d) because of timer('%s').\n", CMD_RESCHEDULE,
                   name.c_str());
@@ -138,7 +153,7 @@ void InsterTimer(const std::shared_ptr<TimerImpl>& timer, bool sendCommand) {
     ++position;
   }
   VELMORA_LOG(kLogVerbose, "Insert timer:'%s' to normal position.\n", name.c_str());
-  s_timerList.insert(position, timer);
+  s_timerList.splice(position, entry);
 }
 
 void RemoveTimer(const std::shared_ptr<TimerImpl>& timer) {
@@ -169,6 +184,33 @@ void RunTimerHandler(std::shared_ptr<TimerImpl> timer) {
   TimerImplAccess::runHandler(*timer);
 }
 
+// What a handler thread is given: a shared owner of its timer, taken while the timer is still
+// in the list, so that a concurrent ~Timer cannot destroy the timer before the call.
+struct HandlerThreadStart {
+  std::shared_ptr<TimerImpl> timer;
+};
+
+// An exception from the handler (an empty one throws std::bad_function_call) ends the process.
+void* RunHandlerThread(void* start) noexcept {
+  std::unique_ptr<HandlerThreadStart> owned(static_cast<HandlerThreadStart*>(start));
+  RunTimerHandler(std::move(owned->timer));
+  return nullptr;
+}
+
+// Starts a detached handler thread, which then owns start. The record is allocated apart from
+// the thread (std::thread would do both in one step), so that an expiry short of memory fails
+// before it has changed anything. A failure to create the thread throws std::system_error, as
+// std::thread does; the engine does not catch it.
+void StartHandlerThread(std::unique_ptr<HandlerThreadStart> start) {
+  pthread_t thread;
+  const int error = pthread_create(&thread, nullptr, RunHandlerThread, start.get());
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category());
+  }
+  start.release();
+  pthread_detach(thread);
+}
+
 // How long to wait for the head's expiry; microseconds truncated, so the engine may wake up to
 // 999 ns early and then finds nothing due.
 timeval CaculateSelectTimeout(const TimerImpl::ExpiredTime& expiry) {
@@ -195,29 +237,40 @@ timeval CaculateSelectTimeout(const TimerImpl::ExpiredTime& expiry) {
 }
 
 // Takes every due timer off the list, re-arms CONTINUE timers from now, stops ONCE timers, and
-// starts one handler thread per expiry.
-void HandleTimeout() {
+// starts one handler thread per expiry. Returns false when there was no memory for a handler
+// thread: that timer is left due at the head of the list, untouched, for a later pass.
+bool HandleTimeout() {
   timespec now = {0, 0};
   errno = 0;
   if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
     VELMORA_LOG(kLogError, "Fail to get now time, errorno(%d):'%s'.\n", errno, strerror(errno));
-    return;
+    return true;
   }
   std::lock_guard<std::mutex> lock(s_timerListMutex);
   while (!s_timerList.empty() && isDue(TimerImplAccess::expiry(*s_timerList.front()), now)) {
-    std::shared_ptr<TimerImpl> timer = s_timerList.front();
-    s_timerList.pop_front();
-    const char* name = TimerImplAccess::name(*timer).c_str();
-    if (TimerImplAccess::isOnce(*timer)) {
+    std::unique_ptr<HandlerThreadStart> start;
+    try {
+      start.reset(new HandlerThreadStart{s_timerList.front()});
+    } catch (const std::bad_alloc&) {
+      VELMORA_LOG(kLogError, "Fail to start handler of timer:'%s', no memory, retry later.\n",
+                  TimerImplAccess::name(*s_timerList.front()).c_str());
+      return false;
+    }
+    TimerList entry;
+    entry.splice(entry.begin(), s_timerList, s_timerList.begin());
+    TimerImpl& timer = *entry.front();
+    const char* name = TimerImplAccess::name(timer).c_str();
+    if (TimerImplAccess::isOnce(timer)) {
       VELMORA_LOG(kLogVerbose, "Timer:'%s' type is ONCE, stop now.\n", name);
-      TimerImplAccess::markStopped(*timer);
+      TimerImplAccess::markStopped(timer);
     } else {
       VELMORA_LOG(kLogVerbose, "Timer:'%s' type is CONTINUE, reschedule it.\n", name);
-      timer->caculateExpiredTime();
-      InsterTimer(timer, false);
+      timer.caculateExpiredTime();
+      InsterTimer(entry, false);
     }
-    std::thread([timer] { RunTimerHandler(timer); }).detach();
+    StartHandlerThread(std::move(start));
   }
+  return true;
 }
 
 // Waits for the pipe to become readable: for ever (null wait) or for the given time. The result
@@ -248,6 +301,7 @@ void WaitForFirstTimer() {
 
 // The armed loop: waits for the head's expiry or a command until the list is empty.
 void ServeTimers() {
+  bool shortOfMemory = false;
   for (;;) {
     TimerImpl::ExpiredTime expiry = {0, 0};
     {
@@ -262,7 +316,10 @@ void ServeTimers() {
                  TimerImplAccess::name(head).c_str(), static_cast<long>(expiry.sec),
                  static_cast<long>(expiry.nsec));
     }
-    const timeval wait = CaculateSelectTimeout(expiry);
+    timeval wait = CaculateSelectTimeout(expiry);
+    if (shortOfMemory && timercmp(&wait, &kRetryAfterNoMemory, <)) {
+      wait = kRetryAfterNoMemory;
+    }
     const int result = WaitOnPipe(&wait);
     if (result == -1) {
       ENGINE_LOG(kLogError, "Fail to select, errno(%d):'%s'.\n", errno, strerror(errno));
@@ -271,7 +328,7 @@ void ServeTimers() {
       ENGINE_LOG(kLogVerbose, "Need reschedule, continue.\n");
     } else {
       ENGINE_LOG(kLogVerbose, "Timeout.\n");
-      HandleTimeout();
+      shortOfMemory = !HandleTimeout();
     }
   }
 }
@@ -311,13 +368,44 @@ void StartTimerThreadOnce() {
   MakeWritesNonBlocking();
   try {
     std::thread(HandleTimerThread).detach();
-  } catch (const std::system_error&) {
-    // The failure still reaches the Timer constructor; the once-control is reset by the
-    // exception, so the next Timer tries again with a pipe of its own: this one must not leak.
+  } catch (...) {
+    // The failure (std::bad_alloc or std::system_error) reaches the Timer constructor and the
+    // next Timer tries again with a pipe of its own: this one must not leak.
     ClosePipe();
     throw;
   }
 }
+
+// Starts the engine for the first Timer of the process. A failed pipe is final (logged; timers
+// then never fire). A failure to start the engine thread leaves the constructor and no trace, so
+// the next Timer tries again: a function-local static, unlike a once-control, is initialised
+// again after its initialisation threw, on every platform and under every sanitizer.
+void EnsureEngineStarted() {
+  static const bool started = (StartTimerThreadOnce(), true);
+  (void)started;
+}
+
+// Timer::start once the timer exists and is stopped: entry holds the timer's list entry, made
+// before anything changed, so that no step after TimerImpl::start can fail. It logs as start().
+#define START_LOG(level, format, ...) \
+  VELMORA_LOG_FULL("B-LOG", level, __LINE__, "start", format, ##__VA_ARGS__)
+int StartTimer(TimerList& entry) {
+  TimerImpl& timer = *entry.front();
+  const char* name = TimerImplAccess::name(timer).c_str();
+  if (!timer.propertyValid()) {
+    START_LOG(kLogError, "Property of timer('%s') is invalid, cannot start.\n", name);
+    return -1;
+  }
+  if (timer.start() != 0) {
+    START_LOG(kLogError, "Fail to start timer:'%s'.\n", name);
+    return -1;
+  }
+  TimerImplAccess::markStarted(timer);
+  std::lock_guard<std::mutex> lock(s_timerListMutex);
+  InsterTimer(entry, true);
+  return 0;
+}
+#undef START_LOG
 
 #undef ENGINE_LOG
 
@@ -461,11 +549,16 @@ void TimerImpl::caculateTimeout() {
 
 Timer::Timer(std::string name, TimeoutTime timeout, std::function<void(Timer*, void*)> handler,
              void* userData, TimerType_e type) {
-  pthread_once(&s_startOnce, StartTimerThreadOnce);
-  m_impl = std::shared_ptr<TimerImpl>(
-      new (std::nothrow)
-          TimerImpl(this, std::move(name), timeout, std::move(handler), userData, type),
-      TimerImplDeleter());
+  EnsureEngineStarted();
+  TimerImpl* impl = new (std::nothrow)
+      TimerImpl(this, std::move(name), timeout, std::move(handler), userData, type);
+  if (impl != nullptr) {
+    try {
+      m_impl.reset(impl, TimerImplDeleter());
+    } catch (const std::bad_alloc&) {
+      // No shared owner could be made; reset() has deleted impl. Reported below.
+    }
+  }
   if (!m_impl) {
     VELMORA_LOG(kLogError, "Fail to create TimerImpl.\n");
   }
@@ -492,19 +585,8 @@ int Timer::start() {
   if (m_impl->m_started.load(std::memory_order_acquire)) {
     return 0;
   }
-  if (!m_impl->m_propertyValid) {
-    VELMORA_LOG(kLogError, "Property of timer('%s') is invalid, cannot start.\n",
-                m_impl->m_name.c_str());
-    return -1;
-  }
-  if (m_impl->start() != 0) {
-    VELMORA_LOG(kLogError, "Fail to start timer:'%s'.\n", m_impl->m_name.c_str());
-    return -1;
-  }
-  m_impl->m_started.store(true, std::memory_order_relaxed);
-  std::lock_guard<std::mutex> lock(s_timerListMutex);
-  InsterTimer(std::shared_ptr<TimerImpl>(m_impl), true);
-  return 0;
+  TimerList entry(1, m_impl);  // std::bad_alloc here leaves the timer as it was
+  return StartTimer(entry);
 }
 
 int Timer::stop() {
@@ -539,11 +621,13 @@ int Timer::restart() {
     VELMORA_LOG(kLogError, "m_impl is NULL.\n");
     return -1;
   }
+  // Made before the stop, so that a restart short of memory leaves the timer running as it was.
+  TimerList entry(1, m_impl);
   if (stop() != 0) {
     VELMORA_LOG(kLogError, "Fail to stop timer:'%s'.\n", m_impl->m_name.c_str());
     return -1;
   }
-  if (start() != 0) {
+  if (StartTimer(entry) != 0) {
     VELMORA_LOG(kLogError, "Fail to start timer:'%s'.\n", m_impl->m_name.c_str());
     return -1;
   }

@@ -10,7 +10,9 @@
 ///     timer.start();  // first expiry 500 ms from now, then every 500 ms from each handling
 ///     timer.stop();   // returns once no handler call of this timer is in progress
 ///
-/// Every operation returns 0 on success and -1 on a refusal, which is logged, never thrown.
+/// Every operation returns 0 on success and -1 on a refusal, which is logged, never thrown. Short
+/// of memory, an operation either throws std::bad_alloc and leaves the timer as it was, or says
+/// below what it does instead.
 ///
 /// Quirks kept on purpose:
 /// - stop(), restart() and ~Timer wait for a running handler call of their timer, so called from
@@ -20,6 +22,10 @@
 ///   such a call sees needStop() true. Do not change the handler in that window.
 /// - A CONTINUE timer is re-armed from the moment its expiry is handled, so lateness accumulates;
 ///   a handler that runs longer than the period overlaps with the next call on another thread.
+/// - An expiry that finds no memory for its handler thread is logged
+///   (`"Fail to start handler of timer:'%s', no memory, retry later.\n"`, level 1000) and
+///   handled again 10 ms later: the handler runs late, but once. A failure to create the
+///   handler thread itself ends the process (std::system_error on the engine thread).
 /// - setProperty() accepts an empty handler: the timer then starts, and its first expiry throws
 ///   std::bad_function_call on the handler thread, which ends the process.
 /// - The Timer pointer passed to the handler is the owning Timer; a handler must not use it once
@@ -76,7 +82,9 @@ class VELMORA_BASE_EXPORT Timer {
   /// Starts the shared engine on first use and creates the timer stopped. An empty handler, or
   /// CONTINUE with {0, 0, 0} (`"When type is CONTINUE, the timeout cannot be {0, 0, 0}.\n"`,
   /// level 1000), makes it invalid: start() is refused until setProperty() succeeds. If no
-  /// implementation results, logs `"Fail to create TimerImpl.\n"` (level 1000).
+  /// implementation results (no memory for it), logs `"Fail to create TimerImpl.\n"` (level
+  /// 1000) and every later call refuses. Throws std::system_error or std::bad_alloc when the
+  /// engine thread cannot be started; the next Timer then tries again.
   Timer(std::string name, TimeoutTime timeout, std::function<void(Timer*, void*)> handler,
         void* userData, TimerType_e type);
   /// Takes the timer off the engine and waits for a running handler call (so it must not run
@@ -92,6 +100,7 @@ class VELMORA_BASE_EXPORT Timer {
   /// countdown is not restarted). Returns -1 for an invalid timer
   /// (`"Property of timer('%s') is invalid, cannot start.\n"`, level 1000) and when the clock
   /// cannot be read (TimerImpl::start's lines, then `"Fail to start timer:'%s'.\n"` again).
+  /// std::bad_alloc leaves the timer stopped, its stop request standing.
   int start();
   /// Disarms the timer and waits until no handler call of it is in progress: 0. Logs
   /// `"Stop timer:'%s'.\n"` (level 5000). Never returns when called from this timer's own
@@ -102,6 +111,7 @@ class VELMORA_BASE_EXPORT Timer {
   int stopNoBlock();
   /// stop() then start(): the full timeout counts again from now. 0, or -1 with
   /// `"Fail to stop timer:'%s'.\n"` or `"Fail to start timer:'%s'.\n"` (level 1000).
+  /// std::bad_alloc comes before the stop: the timer runs on as it was.
   int restart();
 
   /// Replaces timeout, handler, user data and type, and makes the timer valid: 0. Returns -1
