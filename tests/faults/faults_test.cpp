@@ -468,10 +468,9 @@ int openDescriptorCount() {
   return count;
 }
 
-// The engine thread is started by the first Timer through pthread_once, and a failure to start
-// it is not caught: the std::system_error leaves the constructor, and the pipe made for the
-// engine is closed again. (Whether a later Timer tries again depends on how the platform's
-// pthread_once treats an exception, so it is not asserted.)
+// The engine thread is started by the first Timer, and a failure to start it is not caught: the
+// std::system_error leaves the constructor, and the pipe made for the engine is closed again.
+// (That a later Timer tries again is the simple-timer fault sweep's to check.)
 TEST(FaultEngineTest, TimerConstructorPassesOnAFailureToStartTheEngineThread) {
   velmora::testing::LogCapture::reset();
   const int descriptors_before = openDescriptorCount();

@@ -116,6 +116,11 @@ bool shouldFail(FaultState& fault) {
   return false;
 }
 
+// The C library's pthread_create, looked up before main: the look-up allocates, and must not
+// count as an allocation of the first operation that starts a thread.
+using PthreadCreate = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+const PthreadCreate realPthreadCreate = nextDefinition<PthreadCreate>("pthread_create");
+
 bool allocationShouldFail() {
   if (insidePlatformCall && insidePlatformCall()) {
     return false;
@@ -467,5 +472,5 @@ extern "C" VELMORA_TEST_INTERPOSER int pthread_create(pthread_t* thread,
   if (velmora::testing::shouldFail(velmora::testing::g_thread_creation)) {
     return EAGAIN;
   }
-  return VELMORA_REAL(pthread_create)(thread, attributes, start, argument);
+  return velmora::testing::realPthreadCreate(thread, attributes, start, argument);
 }
