@@ -47,7 +47,8 @@ class VELMORA_BASE_EXPORT EventDispatcher {
   /// Appends a hub and then calls its onHubRegistered: 0. Logs `"Register hub:%p.\n"` (level
   /// 4000, line 85) first. Returns -1 for null (`"p_hub is NULL.\n"`, level 1000, line 81) and
   /// for a hub already registered (`"EventHub:%p already exists.\n"`, level 1000, line 93;
-  /// the hub is not called again).
+  /// the hub is not called again). Throws std::bad_alloc, with the hub not registered, when
+  /// memory runs out for the list.
   int registerHub(EventHub* p_hub);
   /// Removes a hub and then calls its onHubUnregistered (which joins its handler thread).
   /// Logs `"UnRegister hub:%p.\n"` (level 4000, line 113) first. Returns 0, also for a hub
