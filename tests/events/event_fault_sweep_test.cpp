@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -40,6 +41,7 @@ using velmora::base::event_dispatcher::kAnyModule;
 using velmora::testing::eventLine;
 using velmora::testing::FaultKind;
 using velmora::testing::FaultRun;
+using velmora::testing::Gate;
 using velmora::testing::LogCapture;
 using velmora::testing::LoggedOnce;
 using velmora::testing::sweepFaults;
@@ -346,6 +348,99 @@ TEST(EventHubFaultSweep, SendEventThrowsWithNothingQueuedOrIsHandledExactlyOnce)
 }
 
 // --- The dispatcher ---
+
+// The number of events a hub's queue holds in one block of its std::deque (libstdc++).
+constexpr int kEventsPerQueueBlock = static_cast<int>(512 / sizeof(std::shared_ptr<BrowserEvent>));
+
+// Fills the queue of a hub whose thread is held in a handler until the next queued event needs a
+// new block, so that queueing it allocates; returns the number of events queued.
+int fillQueueToTheEndOfABlock(EventHub& hub) {
+  int queued = 0;
+  for (;;) {
+    std::shared_ptr<BrowserEvent> filler = newEvent(kSenderId, kType);
+    velmora::testing::armFault(FaultKind::kAllocation, LONG_MAX);
+    const int accepted = hub.receiveEvent(filler);
+    velmora::testing::disarmFaults();
+    if (accepted != 0) {
+      ADD_FAILURE() << "the hub refused a filler";
+      return queued;
+    }
+    ++queued;
+    if (velmora::testing::faultCallsCounted(FaultKind::kAllocation) > 0) {
+      break;  // that event began a new block
+    }
+  }
+  for (int i = 0; i < kEventsPerQueueBlock - 1; ++i) {
+    std::shared_ptr<BrowserEvent> filler = newEvent(kSenderId, kType);
+    velmora::testing::armFault(FaultKind::kAllocation, LONG_MAX);
+    EXPECT_EQ(hub.receiveEvent(filler), 0);
+    velmora::testing::disarmFaults();
+    ++queued;
+    EXPECT_EQ(velmora::testing::faultCallsCounted(FaultKind::kAllocation), 0) << "filler " << i;
+  }
+  return queued;
+}
+
+// A broadcast to two hubs whose second cannot queue it: either both get it or neither does.
+void sweepSendToSeveralHubs(FaultRun& run, bool through_free_function) {
+  LogCapture::reset();
+  EventHub first(kReceiverId);
+  EventHub second(kReceiverId + 1);
+  const int threads = threadCount();
+  WaitableCount first_calls;
+  WaitableCount second_calls;
+  WaitableCount second_entered;
+  Gate second_may_go;
+  ASSERT_EQ(first.registerHandler(kType, [&](std::shared_ptr<BrowserEvent>) { first_calls.add(); }),
+            0);
+  ASSERT_EQ(second.registerHandler(kType,
+                                   [&](std::shared_ptr<BrowserEvent>) {
+                                     second_entered.add();
+                                     second_may_go.waitOpen();
+                                     second_calls.add();
+                                   }),
+            0);
+  ASSERT_EQ(evtdispch_register_hub(&first), 0);
+  ASSERT_EQ(evtdispch_register_hub(&second), 0);
+  // The second hub's thread takes one event and waits in its handler; the rest stay queued.
+  ASSERT_EQ(second.receiveEvent(newEvent(kSenderId, kType)), 0);
+  ASSERT_TRUE(second_entered.waitFor(1));
+  const int queued = 1 + fillQueueToTheEndOfABlock(second);
+
+  std::shared_ptr<BrowserEvent> event = newEvent(kSenderId, kType);
+  int result = -2;
+  const bool threw = run.throws<std::bad_alloc>([&] {
+    result = through_free_function ? evtdispch_send_event(event, kAnyModule)
+                                   : EventDispatcher::getInstance()->send(event, kAnyModule);
+  });
+  if (threw) {
+    EXPECT_TRUE(run.injected());
+    EXPECT_EQ(event.use_count(), 1) << "neither hub kept the event";
+    ASSERT_EQ(evtdispch_send_event(event, kAnyModule), 0);
+  } else {
+    EXPECT_EQ(result, 0);
+  }
+  EXPECT_TRUE(first_calls.waitFor(1));
+  second_may_go.open();
+  EXPECT_TRUE(second_calls.waitFor(queued + 1));
+  ASSERT_EQ(evtdispch_unregister_hub(&first), 0);
+  ASSERT_EQ(evtdispch_unregister_hub(&second), 0);
+  EXPECT_EQ(threadCount(), threads);
+  EXPECT_EQ(first_calls.value(), 1) << "handled exactly once";
+  EXPECT_EQ(second_calls.value(), queued + 1) << "handled exactly once";
+}
+
+TEST(EventDispatcherFaultSweep, BroadcastReachesEveryHubOrNoneThroughTheFreeFunction) {
+  const auto report =
+      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { sweepSendToSeveralHubs(run, true); });
+  EXPECT_EQ(report.points, 1);  // the second hub's new queue block
+}
+
+TEST(EventDispatcherFaultSweep, BroadcastReachesEveryHubOrNoneThroughTheDispatcher) {
+  const auto report = sweepFaults(FaultKind::kAllocation,
+                                  [](FaultRun& run) { sweepSendToSeveralHubs(run, false); });
+  EXPECT_EQ(report.points, 1);
+}
 
 // registerHub either adds the hub or throws with the hub not registered.
 void sweepRegisterHub(FaultRun& run, bool through_free_function) {

@@ -2,13 +2,16 @@
 #include "base/event_dispatcher/event_hub.h"
 
 #include <chrono>
+#include <deque>
 #include <exception>
+#include <iterator>
 #include <new>
 #include <utility>
 
 #include "base/event_dispatcher/browser_event.h"
 #include "base/event_dispatcher/event_dispatcher.h"
 #include "base/logging.h"
+#include "event_delivery.h"
 
 // Every line of the event files carries the tag "EventDispatcher" and a fixed line number.
 #define EVENT_LOG(level, line, format, ...) \
@@ -90,6 +93,17 @@ void queueWakeUpEvent(std::queue<std::shared_ptr<BrowserEvent>>& queue) noexcept
     queue.push(newWakeUpEvent());
   } catch (const std::bad_alloc&) {
   }
+}
+
+// The container under a hub's queue, for taking back the event a failed delivery had queued.
+std::deque<std::shared_ptr<BrowserEvent>>& containerOf(
+    std::queue<std::shared_ptr<BrowserEvent>>& queue) {
+  struct Access : std::queue<std::shared_ptr<BrowserEvent>> {
+    static container_type& of(std::queue<std::shared_ptr<BrowserEvent>>& queue) {
+      return queue.*&Access::c;
+    }
+  };
+  return Access::of(queue);
 }
 
 // The hub's implementation, or null with nothing left behind when memory runs out for it; a
@@ -293,6 +307,41 @@ int EventHub::receiveEvent(std::shared_ptr<BrowserEvent> event) {
     return -1;
   }
   return m_impl->receiveEvent(std::move(event));
+}
+
+// Each addressed hub that takes the event holds its queue lock, with the event queued, while the
+// rest of the list is delivered; a failure further on unwinds through it and takes the event
+// back out. The recursion is as deep as the number of hubs that take the event.
+void EventDelivery::deliver(HubIterator hub, HubIterator end,
+                            const std::shared_ptr<BrowserEvent>& event, int destModuleId) {
+  while (hub != end && destModuleId != kAnyModule && (*hub)->moduleId() != destModuleId) {
+    ++hub;
+  }
+  if (hub == end) {
+    return;
+  }
+  EventHub& target = **hub;
+  const HubIterator next = std::next(hub);
+  EventHubImpl* impl = target.m_impl.get();
+  if (impl == nullptr) {
+    target.receiveEvent(event);
+    deliver(next, end, event, destModuleId);
+    return;
+  }
+  const EventHubImpl::InnerHandler_t key{event->srcModuleId(), event->eventType(), EventHandler()};
+  if (!impl->handlerExists(key)) {
+    deliver(next, end, event, destModuleId);
+    return;
+  }
+  std::lock_guard<std::mutex> lock(impl->m_queueMutex);
+  impl->m_eventQueue.push(event);
+  try {
+    deliver(next, end, event, destModuleId);
+  } catch (...) {
+    containerOf(impl->m_eventQueue).pop_back();
+    throw;
+  }
+  impl->m_queueCond.notify_all();
 }
 
 }  // namespace event_dispatcher

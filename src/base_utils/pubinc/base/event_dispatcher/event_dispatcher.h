@@ -58,6 +58,9 @@ class VELMORA_BASE_EXPORT EventDispatcher {
   /// Offers the event to every registered hub whose moduleId() is destModuleId (every hub for
   /// kAnyModule; 0 and -1 are ordinary ids), in registration order, without stopping at the
   /// first. Always 0, whether or not any hub took it; the event's source plays no part.
+  /// All or nothing: when a hub's queue cannot grow, std::bad_alloc leaves with the event
+  /// queued in no hub. While it queues the event, a send holds the queue lock of every hub it
+  /// has queued it in, so the hubs' threads take it only once every hub has it.
   int send(std::shared_ptr<BrowserEvent> event, int destModuleId);
 
   /// Not copyable: there is one instance.

@@ -61,6 +61,8 @@ namespace velmora {
 namespace base {
 namespace event_dispatcher {
 
+class EventDelivery;
+
 /// The handler of an event: called on the hub's handler thread with the shared event.
 using EventHandler = std::function<void(std::shared_ptr<BrowserEvent>)>;
 
@@ -131,6 +133,8 @@ class VELMORA_BASE_EXPORT EventHubImpl {
   EventHubImpl& operator=(const EventHubImpl&) = delete;
 
  private:
+  friend class EventDelivery;
+
   std::mutex m_threadMutex;  // serialises registrations and guards the thread's creation
   std::atomic<bool> m_exitThread;
   std::shared_ptr<std::thread> m_thread;  // guarded by m_threadMutex
@@ -193,6 +197,8 @@ class VELMORA_BASE_EXPORT EventHub {
   EventHub& operator=(const EventHub&) = delete;
 
  private:
+  friend class EventDelivery;
+
   std::shared_ptr<EventHubImpl> m_impl;
   int m_moduleId;
 };
