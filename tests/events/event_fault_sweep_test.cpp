@@ -55,6 +55,9 @@ constexpr int kOtherType = 6;
 constexpr int kSenderId = 1;
 constexpr int kReceiverId = 2;
 
+// The number of events a hub's queue holds in one block of its std::deque (libstdc++).
+constexpr int kEventsPerQueueBlock = static_cast<int>(512 / sizeof(std::shared_ptr<BrowserEvent>));
+
 const std::string kNoImplLine =
     eventLine("event_hub.cpp", 260, "EventHub", "Fail to create EventHubImpl.\n");
 const std::string kNoThreadLine =
@@ -273,16 +276,43 @@ TEST(EventHubFaultSweep, LaterRegisterHandlerThrowsWithTheHubAsItWas) {
 
 // Stopping a hub's thread never fails for want of memory: the wake-up event may come out empty
 // or not be queued at all, and the thread ends all the same.
-void sweepStop(FaultRun& run, bool through_dispatcher) {
+// Passes events of type through a hub whose thread handles them at once (with a handler that
+// does not allocate) until its queue, empty again, ends at the last place of a block: the next
+// event queued needs a new block.
+void emptyQueueAtTheEndOfABlock(EventHub& hub, int type, WaitableCount& calls) {
+  int passed = calls.value();
+  auto passOne = [&] {
+    std::shared_ptr<BrowserEvent> event = newEvent(kSenderId, type);
+    velmora::testing::armFault(FaultKind::kAllocation, LONG_MAX);
+    EXPECT_EQ(hub.receiveEvent(std::move(event)), 0);
+    velmora::testing::disarmFaults();
+    EXPECT_TRUE(calls.waitFor(++passed));
+    return velmora::testing::faultCallsCounted(FaultKind::kAllocation) > 0;
+  };
+  while (!passOne()) {
+  }
+  for (int i = 0; i < kEventsPerQueueBlock - 1; ++i) {
+    EXPECT_FALSE(passOne()) << "event " << i << " of the block";
+  }
+}
+
+void sweepStop(FaultRun& run, bool through_dispatcher, bool wake_up_needs_a_block) {
   LogCapture::reset();
   EventHub hub(kReceiverId);
   const int threads = threadCount();
   auto calls = std::make_shared<WaitableCount>();
+  WaitableCount filler_calls;
   ASSERT_EQ(hub.registerHandler(kType, countingHandler(calls)), 0);
+  ASSERT_EQ(hub.registerHandler(
+                kOtherType, [&filler_calls](std::shared_ptr<BrowserEvent>) { filler_calls.add(); }),
+            0);
   if (through_dispatcher) {
     ASSERT_EQ(evtdispch_register_hub(&hub), 0);
   }
   expectHandlesOneMore(hub, kType, *calls);
+  if (wake_up_needs_a_block) {
+    emptyQueueAtTheEndOfABlock(hub, kOtherType, filler_calls);
+  }
   int result = 0;
   const bool threw = run.throws<std::bad_alloc>([&] {
     if (through_dispatcher) {
@@ -302,7 +332,7 @@ void sweepStop(FaultRun& run, bool through_dispatcher) {
   }
 
   // A later registration starts a new thread, which handles new events as before.
-  ASSERT_EQ(hub.registerHandler(kOtherType, EventHandler()), 0);
+  ASSERT_EQ(hub.registerHandler(99, EventHandler()), 0);
   expectHandlesOneMore(hub, kType, *calls);
   stopAndExpectThreadsBackTo(hub, threads);
   EXPECT_EQ(calls->value(), 2);
@@ -310,8 +340,14 @@ void sweepStop(FaultRun& run, bool through_dispatcher) {
 
 TEST(EventHubFaultSweep, OnHubUnregisteredStopsTheThreadWhateverAllocationFails) {
   const auto report =
-      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { sweepStop(run, false); });
+      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { sweepStop(run, false, false); });
   EXPECT_EQ(report.points, 3);  // the wake-up event's parameter, event, control block
+}
+
+TEST(EventHubFaultSweep, OnHubUnregisteredStopsTheThreadWhenTheWakeUpEventCannotBeQueued) {
+  const auto report =
+      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { sweepStop(run, false, true); });
+  EXPECT_EQ(report.points, 4);  // the wake-up event's three, and the queue's new block
 }
 
 // sendEvent to one hub, until its handler has run: the hub's thread copies the handler too.
@@ -348,9 +384,6 @@ TEST(EventHubFaultSweep, SendEventThrowsWithNothingQueuedOrIsHandledExactlyOnce)
 }
 
 // --- The dispatcher ---
-
-// The number of events a hub's queue holds in one block of its std::deque (libstdc++).
-constexpr int kEventsPerQueueBlock = static_cast<int>(512 / sizeof(std::shared_ptr<BrowserEvent>));
 
 // Fills the queue of a hub whose thread is held in a handler until the next queued event needs a
 // new block, so that queueing it allocates; returns the number of events queued.
@@ -488,7 +521,7 @@ TEST(EventDispatcherFaultSweep, RegisterHubThrowsWithTheHubNotRegisteredThroughT
 
 TEST(EventDispatcherFaultSweep, UnregisterHubStopsTheHubWhateverAllocationFails) {
   const auto report =
-      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { sweepStop(run, true); });
+      sweepFaults(FaultKind::kAllocation, [](FaultRun& run) { sweepStop(run, true, false); });
   EXPECT_EQ(report.points, 3);
 }
 
