@@ -130,17 +130,21 @@ std::vector<MutexOp> recordSend(int destModuleId) {
   return std::vector<MutexOp>(g_ops, g_ops + g_op_count);
 }
 
-// The expected operations of a send: the dispatcher mutex around each offered hub's table
-// lock/unlock followed by its queue lock/unlock, never nested within a hub.
+// The expected operations of a send: under the dispatcher mutex, each offered hub's table
+// lock/unlock and then its queue lock, never nested within a hub. The queue locks are kept until
+// every hub has the event, so that a hub whose queue cannot grow lets the others take it back,
+// and are released in reverse order.
 std::vector<MutexOp> expectedDelivery(const std::vector<std::vector<const void*>>& offered,
                                       const void* dispatcher_mutex) {
   std::vector<MutexOp> ops;
   ops.push_back({true, dispatcher_mutex});
   for (const auto& hub_mutexes : offered) {
-    for (const void* mutex : hub_mutexes) {
-      ops.push_back({true, mutex});
-      ops.push_back({false, mutex});
-    }
+    ops.push_back({true, hub_mutexes[0]});
+    ops.push_back({false, hub_mutexes[0]});
+    ops.push_back({true, hub_mutexes[1]});
+  }
+  for (auto hub = offered.rbegin(); hub != offered.rend(); ++hub) {
+    ops.push_back({false, (*hub)[1]});
   }
   ops.push_back({false, dispatcher_mutex});
   return ops;

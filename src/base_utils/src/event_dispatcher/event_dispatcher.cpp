@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "event_delivery.h"
 
 // Every line of the event files carries the tag "EventDispatcher" and a fixed line number.
 #define EVENT_LOG(level, line, format, ...) \
@@ -71,11 +72,7 @@ int EventDispatcher::unregisterHub(EventHub* p_hub) {
 
 int EventDispatcher::send(std::shared_ptr<BrowserEvent> event, int destModuleId) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  for (EventHub* hub : m_hubs) {
-    if (destModuleId == kAnyModule || hub->moduleId() == destModuleId) {
-      hub->receiveEvent(event);
-    }
-  }
+  EventDelivery::deliver(m_hubs.cbegin(), m_hubs.cend(), event, destModuleId);
   return 0;
 }
 

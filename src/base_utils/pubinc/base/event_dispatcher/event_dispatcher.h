@@ -47,7 +47,8 @@ class VELMORA_BASE_EXPORT EventDispatcher {
   /// Appends a hub and then calls its onHubRegistered: 0. Logs `"Register hub:%p.\n"` (level
   /// 4000, line 85) first. Returns -1 for null (`"p_hub is NULL.\n"`, level 1000, line 81) and
   /// for a hub already registered (`"EventHub:%p already exists.\n"`, level 1000, line 93;
-  /// the hub is not called again).
+  /// the hub is not called again). Throws std::bad_alloc, with the hub not registered, when
+  /// memory runs out for the list.
   int registerHub(EventHub* p_hub);
   /// Removes a hub and then calls its onHubUnregistered (which joins its handler thread).
   /// Logs `"UnRegister hub:%p.\n"` (level 4000, line 113) first. Returns 0, also for a hub
@@ -57,6 +58,9 @@ class VELMORA_BASE_EXPORT EventDispatcher {
   /// Offers the event to every registered hub whose moduleId() is destModuleId (every hub for
   /// kAnyModule; 0 and -1 are ordinary ids), in registration order, without stopping at the
   /// first. Always 0, whether or not any hub took it; the event's source plays no part.
+  /// All or nothing: when a hub's queue cannot grow, std::bad_alloc leaves with the event
+  /// queued in no hub. While it queues the event, a send holds the queue lock of every hub it
+  /// has queued it in, so the hubs' threads take it only once every hub has it.
   int send(std::shared_ptr<BrowserEvent> event, int destModuleId);
 
   /// Not copyable: there is one instance.

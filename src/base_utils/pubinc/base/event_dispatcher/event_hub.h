@@ -30,9 +30,15 @@
 /// - Handlers run one at a time with no lock of the hub held, so a handler may register further
 ///   handlers and send events (to its own module too); a handler that blocks stalls every later
 ///   event of its hub.
-/// - Registration checks for a duplicate and then appends in two steps: register a module's
-///   handlers before events for them flow. Two threads registering the same key at once may
-///   both add it.
+/// - Registrations of one hub are serialised: two threads registering the same key at once add
+///   it once. Register a module's handlers before events for them flow all the same: an event
+///   is refused while no handler takes it.
+///
+/// Running out of memory: every operation either throws std::bad_alloc with the hub as it was
+/// (nothing registered, queued or started), or has the outcome stated with it below (an empty
+/// event from createEvent, a hub without implementation, a handler registered without a
+/// thread). Stopping a hub's thread never fails for want of memory, and a handler thread that
+/// cannot copy a handler keeps the event queued and tries again.
 ///
 /// Log lines use the tag "EventDispatcher" and the source name event_hub.cpp; each message is
 /// quoted below with its level and the line number its log line prints.
@@ -55,11 +61,16 @@ namespace velmora {
 namespace base {
 namespace event_dispatcher {
 
+class EventDelivery;
+
 /// The handler of an event: called on the hub's handler thread with the shared event.
 using EventHandler = std::function<void(std::shared_ptr<BrowserEvent>)>;
 
 /// The implementation behind an EventHub: handler table, event queue and handler thread.
 /// Modules use EventHub; this class is public because EventHub holds it.
+///
+/// Lock order: m_threadMutex before m_handlerMutex; m_queueMutex is never held together with
+/// either. No lock of the hub is held while a handler runs.
 class VELMORA_BASE_EXPORT EventHubImpl {
  public:
   /// One entry of the handler table. An entry matches the key (source S, type T) when
@@ -84,9 +95,11 @@ class VELMORA_BASE_EXPORT EventHubImpl {
   /// starts the handler thread if none runs. Returns 0 in every case that returns:
   /// - a key an existing entry already covers is not added and is logged as
   ///   `"Event handler already exists.\n\n"` (level 1000, line 114; the newline is doubled);
-  /// - if no thread results, `"Fail to create EventHandlerThread.\n"` (level 1000, line 106) is
-  ///   logged and the handler is still registered;
-  /// - if std::thread throws, the std::system_error propagates and nothing is registered;
+  /// - if memory runs out for the thread's std::thread object, `"Fail to create
+  ///   EventHandlerThread.\n"` (level 1000, line 106) is logged and the handler is still
+  ///   registered; the next registration tries to start the thread again;
+  /// - if the thread cannot be created, std::thread's std::system_error propagates, and any
+  ///   other failure for want of memory throws std::bad_alloc: nothing is registered or started;
   /// - a lock that cannot be taken throws std::system_error; when it is the first one, the
   ///   thread lock, nothing has changed.
   int registerHandler(int srcModuleId, int eventType, EventHandler handler);
@@ -101,12 +114,16 @@ class VELMORA_BASE_EXPORT EventHubImpl {
   /// Stops and joins the handler thread, leaving queued events in the queue (with a wake-up
   /// event of source and type kAnyModule if the queue was empty). Without a thread it logs
   /// `"Didn't create thread, so need not destroy thread.\n"` (level 4000, line 144) and
-  /// `"Exit onUnregistered.\n"` (level 1, line 145) and returns. A lock that cannot be taken
-  /// throws std::system_error; when it is the first one, the thread lock, nothing has changed.
+  /// `"Exit onUnregistered.\n"` (level 1, line 145) and returns. Does not fail for want of
+  /// memory: the wake-up event is then empty or not queued, and the thread ends all the same.
+  /// A lock that cannot be taken throws std::system_error; when it is the first one, the thread
+  /// lock, nothing has changed.
   void onUnregistered();
 
   /// The handler thread's body: pops events in arrival order and runs the first matching entry
   /// (registration order) for each, outside every lock, until onUnregistered asks it to end.
+  /// An event leaves the queue once its handler has been copied; when memory runs out for the
+  /// copy, it stays at the front and the copy is tried again a moment later.
   /// A null self logs `"Param is NULL.\n"` (level 1000, line 196) and returns.
   static void handleEventTask(EventHubImpl* self);
 
@@ -116,13 +133,16 @@ class VELMORA_BASE_EXPORT EventHubImpl {
   EventHubImpl& operator=(const EventHubImpl&) = delete;
 
  private:
-  std::mutex m_threadMutex;
+  friend class EventDelivery;
+
+  std::mutex m_threadMutex;  // serialises registrations and guards the thread's creation
   std::atomic<bool> m_exitThread;
   std::shared_ptr<std::thread> m_thread;  // guarded by m_threadMutex
   std::mutex m_queueMutex;
   std::condition_variable m_queueCond;
-  std::queue<std::shared_ptr<BrowserEvent>> m_eventQueue;
+  std::queue<std::shared_ptr<BrowserEvent>> m_eventQueue;  // guarded by m_queueMutex
   std::mutex m_handlerMutex;
+  // Read under m_handlerMutex; changed under m_threadMutex and m_handlerMutex both.
   std::vector<InnerHandler_t> m_handlers;
 };
 
@@ -130,9 +150,10 @@ class VELMORA_BASE_EXPORT EventHubImpl {
 /// description for the life of a hub and its deliberate behaviour.
 class VELMORA_BASE_EXPORT EventHub {
  public:
-  /// Creates the implementation; if none results, logs `"Fail to create EventHubImpl.\n"`
-  /// (level 1000, line 260). Does not register the hub with the dispatcher; use
-  /// evtdispch_register_hub for that.
+  /// Creates the implementation; if memory runs out for it, logs `"Fail to create
+  /// EventHubImpl.\n"` (level 1000, line 260) and the hub refuses everything; if it runs out
+  /// inside the implementation or for its control block, std::bad_alloc. Does not register the hub
+  /// with the dispatcher; use evtdispch_register_hub for that.
   explicit EventHub(int moduleId);
   /// Drops the implementation only: neither unregisters the hub nor stops its thread.
   ~EventHub();
@@ -141,12 +162,15 @@ class VELMORA_BASE_EXPORT EventHub {
   /// address the dispatcher matches.
   int moduleId();
 
-  /// A new event from this module with a default EventParam; empty if memory runs out.
+  /// A new event from this module with a default EventParam. Empty if memory runs out for the
+  /// parameter or the event; std::bad_alloc, with both freed, if it runs out for the shared
+  /// pointer's control block.
   std::shared_ptr<BrowserEvent> createEvent(int eventType);
 
   /// Sends through the dispatcher (evtdispch_send_event) to every hub of destModuleId, or to
   /// every hub for kAnyModule (this one included). The event's source is not rewritten. Returns
-  /// the dispatcher's result, always 0, whether or not any hub took the event.
+  /// the dispatcher's result, always 0, whether or not any hub took the event; std::bad_alloc,
+  /// with the event queued in no hub, when a hub's queue cannot grow.
   int sendEvent(std::shared_ptr<BrowserEvent> event, int destModuleId);
 
   /// Handles events of eventType from any module: EventHubImpl::registerHandler's result (0).
@@ -173,6 +197,8 @@ class VELMORA_BASE_EXPORT EventHub {
   EventHub& operator=(const EventHub&) = delete;
 
  private:
+  friend class EventDelivery;
+
   std::shared_ptr<EventHubImpl> m_impl;
   int m_moduleId;
 };
