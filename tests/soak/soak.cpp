@@ -184,7 +184,8 @@ void violation(const char* format, ...) {
 namespace vt = velmora::testing;
 
 bool g_faultMode = false;
-std::atomic<long long> g_callsStruck{0};  // calls a fault struck, each of which failed visibly
+std::atomic<long long> g_callsStruck{0};     // calls a fault struck, each of which failed visibly
+std::atomic<long long> g_callsCarriedOn{0};  // ... or carried on as designed
 std::atomic<long long> g_errorLinesExplained{0};  // error lines those calls wrote
 
 enum class ThreadFaults { kNo, kYes };
@@ -230,6 +231,7 @@ bool attempt(const char* what, Call&& call, ThreadFaults thread_faults = ThreadF
     violation("%s failed under %ld injected fault(s), though it has a way on", what, struck);
   } else if (struck > 0) {
     g_callsStruck.fetch_add(1);
+    g_callsCarriedOn.fetch_add(failed ? 0 : 1);
     g_errorLinesExplained.fetch_add(error_lines);
   }
   return !failed;
@@ -1161,10 +1163,11 @@ int main(int argc, char** argv) {
   if (g_faultMode) {
     printf(
         "  faults:            %ld allocations and %ld thread creations failed; %lld calls "
-        "struck, every one failed visibly, %lld of them with an error line\n",
+        "struck: %lld failed visibly (%lld error lines), %lld carried on as designed\n",
         vt::randomFaultsInjected(vt::FaultKind::kAllocation),
         vt::randomFaultsInjected(vt::FaultKind::kThreadCreation), g_callsStruck.load(),
-        g_errorLinesExplained.load());
+        g_callsStruck.load() - g_callsCarriedOn.load(), g_errorLinesExplained.load(),
+        g_callsCarriedOn.load());
     if (g_callsStruck.load() == 0) {
       violation("no call was struck by a fault: the fault mode tested nothing");
     }
