@@ -34,6 +34,7 @@ declare -A reason=(
   [debhelper]="builds the Debian packages (debian/)"
   [lintian]="checks the Debian packages"
   [debootstrap]="the fresh Debian 12 root that tools/deb-check.sh installs the packages in"
+  [git]="tools/deb-check.sh builds the packages from a fresh clone"
 )
 declare -A group=(
   [base]="cmake g++ make uuid-dev pkg-config googletest zlib1g-dev libssl-dev"
@@ -41,7 +42,7 @@ declare -A group=(
   [cross]="g++-arm-linux-gnueabihf qemu-user"
   [clang]="clang libclang-rt-14-dev"
   [checks]="doxygen gcovr valgrind"
-  [deb]="build-essential debhelper lintian debootstrap"
+  [deb]="build-essential debhelper lintian debootstrap git"
 )
 
 usage() {
