@@ -9,7 +9,7 @@
 #   tools/setup.sh --install-only ...   # install, but build and run nothing
 #
 # Extras: bench (benchmarks and their baselines), cross (the armhf build under qemu-arm), clang
-# (clang builds and the fuzz targets), checks (API reference, coverage, memcheck).
+# (clang builds, fuzz targets), checks (API reference, coverage, memcheck), deb (Debian packages).
 # Run again, it finds everything in place and installs nothing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -32,6 +32,11 @@ declare -A reason=(
   [doxygen]="the API reference"
   [gcovr]="the coverage report"
   [valgrind]="the memcheck run"
+  [build-essential]="dpkg-buildpackage requires it of every package build"
+  [debhelper]="builds the Debian packages (debian/)"
+  [lintian]="checks the Debian packages"
+  [debootstrap]="the fresh Debian 12 root that tools/deb-check.sh installs the packages in"
+  [git]="tools/deb-check.sh builds the packages from a fresh clone"
 )
 declare -A group=(
   [base]="cmake g++ make uuid-dev pkg-config googletest abigail-tools zlib1g-dev libssl-dev"
@@ -39,6 +44,7 @@ declare -A group=(
   [cross]="g++-arm-linux-gnueabihf qemu-user"
   [clang]="clang libclang-rt-14-dev"
   [checks]="doxygen gcovr valgrind"
+  [deb]="build-essential debhelper lintian debootstrap git"
 )
 
 usage() {
