@@ -240,10 +240,11 @@ void TimerThread::waitNextTaskWithTimeOut(double seconds) {
       interval = untilDue;
     }
   }
-  // The deadline is on the system clock; the caller's loop corrects a wall-clock step.
+  // The deadline is on the monotonic clock, like the due times, so that a step of the wall
+  // clock neither stretches nor cuts the wait.
   const auto wait = std::chrono::nanoseconds(static_cast<int64_t>(interval * 1e9));
-  cond_.wait_until(lock, std::chrono::system_clock::now() +
-                             std::chrono::duration_cast<std::chrono::system_clock::duration>(wait));
+  cond_.wait_until(lock, std::chrono::steady_clock::now() +
+                             std::chrono::duration_cast<std::chrono::steady_clock::duration>(wait));
 }
 
 std::shared_ptr<TimerTaskBase> TimerThread::popFirstTask() {

@@ -145,8 +145,8 @@ class VELMORA_BASE_EXPORT TimerThread {
   /// One timed wait for a post or stop. Returns at once when stopping, logging
   /// `"Request Exit before wait.\n"` (level 3000, line 240), and for a cancelled or due front
   /// task; otherwise after min(time to the front task, seconds) at the latest. The deadline is
-  /// taken on the realtime clock, so a wall-clock change lengthens or shortens one wait; the
-  /// loop corrects it. A lock failure throws std::system_error.
+  /// taken on the monotonic clock, so a step of the wall clock does not change the wait. A lock
+  /// failure throws std::system_error.
   void waitNextTaskWithTimeOut(double seconds);
   /// Removes and returns the front task (empty when the queue is empty).
   std::shared_ptr<TimerTaskBase> popFirstTask();
