@@ -81,12 +81,22 @@ void removeLaunched(WorkerRecord* record) {
   pthread_cond_broadcast(&g_workerLeft);
 }
 
-// Whether a launched worker of owner other than except is on the list; g_launchedMutex held.
-bool hasLaunchedWorkerLocked(const TimerThread* owner, const WorkerRecord* except,
-                             const WorkerRecord* before) {
-  for (const WorkerRecord* record = g_oldestLaunched; record != before;
-       record = record->nextLaunched) {
-    if (record != except && record->owner() == owner) {
+// Whether a worker of the same timer thread was launched before record and is still in its
+// loop; g_launchedMutex held.
+bool hasEarlierWorkerLocked(const WorkerRecord* record) {
+  for (const WorkerRecord* other = g_oldestLaunched; other != record; other = other->nextLaunched) {
+    if (other->owner() == record->owner()) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Whether a worker of owner other than calling is still in its loop; g_launchedMutex held.
+bool hasOtherWorkerLocked(const TimerThread* owner, const WorkerRecord* calling) {
+  for (const WorkerRecord* other = g_oldestLaunched; other != nullptr;
+       other = other->nextLaunched) {
+    if (other != calling && other->owner() == owner) {
       return true;
     }
   }
@@ -96,15 +106,15 @@ bool hasLaunchedWorkerLocked(const TimerThread* owner, const WorkerRecord* excep
 // Waits until every worker of the same timer thread launched before record has left its loop.
 void waitForEarlierWorkers(const WorkerRecord* record) {
   LaunchedListLock lock;
-  while (hasLaunchedWorkerLocked(record->owner(), nullptr, record)) {
+  while (hasEarlierWorkerLocked(record)) {
     pthread_cond_wait(&g_workerLeft, &g_launchedMutex);
   }
 }
 
-// Waits until every worker of owner except the calling one has left its loop.
-void waitForWorkersToLeave(const TimerThread* owner, const WorkerRecord* calling) {
+// Waits until every worker of owner other than calling has left its loop.
+void waitForOtherWorkers(const TimerThread* owner, const WorkerRecord* calling) {
   LaunchedListLock lock;
-  while (hasLaunchedWorkerLocked(owner, calling, nullptr)) {
+  while (hasOtherWorkerLocked(owner, calling)) {
     pthread_cond_wait(&g_workerLeft, &g_launchedMutex);
   }
 }
@@ -233,7 +243,7 @@ TimerThread::~TimerThread() {
   thread_.reset();
   // A worker that stopped its own thread from a task was not joined: it must be gone before
   // the queue and the mutex it uses are.
-  waitForWorkersToLeave(this, t_worker);
+  waitForOtherWorkers(this, workerOf(this));
 }
 
 void TimerThread::start() {
