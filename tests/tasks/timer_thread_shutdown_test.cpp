@@ -288,7 +288,7 @@ TEST_F(TimerThreadShutdownTest, DestructorAfterThePostersAreJoinedRunsOrReleases
       std::mt19937 random(static_cast<unsigned>(p + 7));
       for (int i = p * kPerPoster; i < (p + 1) * kPerPoster; ++i) {
         thread.postTask(std::make_shared<LedgerTask>(ledger[i], overlap, i + 1),
-                        static_cast<int>(random() % 20));
+                        static_cast<int>(random() % 3));
       }
       postersLeft.fetch_sub(1);
     });
