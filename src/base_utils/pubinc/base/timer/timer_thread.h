@@ -99,7 +99,8 @@ class VELMORA_BASE_EXPORT TimerThread {
   TimerThread& operator=(const TimerThread&) = delete;
 
   /// Creates the worker; throws std::runtime_error("Thread initialization failed") on failure.
-  /// Normally called by the first postTask, not by callers.
+  /// A worker already running is replaced: it is told to end and joined, and the new one begins
+  /// once it has left. Normally called by the first postTask, not by callers.
   void start();
   /// Ends the worker's loop and joins it; queued tasks stay queued and a later post starts a
   /// new worker. Logs `"Wakeup worker\n"` (level 5000, line 49) when a worker existed. Waits
