@@ -530,6 +530,24 @@ TEST_F(TimerThreadTest, StopJoinsTheWorkerAndALaterPostStartsANewOne) {
   EXPECT_TRUE(velmora::testing::threadExists(thread.threadId()));
 }
 
+TEST_F(TimerThreadTest, StartOnARunningThreadReplacesTheWorkerAndJoinsTheOldOne) {
+  TimerThread thread;
+  Latch first;
+  thread.postTask(dueTask(monotonicNow(), [&] { first.countDown(); }));
+  ASSERT_TRUE(first.wait());
+  const int replaced = thread.threadId();
+  thread.start();
+  EXPECT_TRUE(velmora::testing::threadEndsWithin(replaced));
+  EXPECT_TRUE(LoggedOnce(kCritical, line(343, "run", "Exiting Timer Thread...\n")));
+  Recorder tids;
+  thread.postTask(dueTask(monotonicNow(), [&] { tids.add(velmora::testing::gettid()); }));
+  ASSERT_TRUE(tids.waitForSize(1));
+  EXPECT_NE(tids.values()[0], replaced);
+  EXPECT_EQ(thread.threadId(), tids.values()[0]);
+  EXPECT_EQ(velmora::testing::pthreadCreateCalls(), 2);
+  EXPECT_EQ(LogCapture::count(kVerbose, trace(34, kStart)), 2u);
+}
+
 TEST_F(TimerThreadTest, StopKeepsQueuedTasksForTheNextWorker) {
   TimerThread thread;
   Latch warm;
