@@ -256,9 +256,10 @@ TEST(TimerThreadFaultSweep, CancelsAndStopDoNotAllocate) {
   const auto report = sweepFaults(FaultKind::kAllocation, [](FaultRun& run) {
     TimerThread thread;
     startWorker(thread);
+    // The untouched task is in front, so that the worker drops no cancelled task meanwhile.
+    auto untouched = std::make_shared<CountedTask>(monotonicNow() + 500.0, 3);
     auto bySession = std::make_shared<CountedTask>(monotonicNow() + 1000.0, 1);
     auto byId = std::make_shared<CountedTask>(monotonicNow() + 1000.0, 2);
-    auto untouched = std::make_shared<CountedTask>(monotonicNow() + 1000.0, 3);
     thread.postTask(bySession);
     thread.postTask(byId);
     thread.postTask(untouched);
