@@ -26,21 +26,26 @@ thread_local int t_condSignals = 0;
 std::atomic<int> g_watchedTid{0};
 std::mutex g_waitsMutex;
 std::condition_variable g_waitsCond;
-std::vector<double> g_waits;
+std::vector<TimedWait> g_waits;
 
 int kernelTid() {
   return static_cast<int>(syscall(SYS_gettid));
 }
 
-double realtimeSeconds(const timespec& time) {
+double seconds(const timespec& time) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-void recordTimedWait(const timespec* deadline) {
+// Records the wait when the calling thread is the watched one.
+void recordTimedWait(clockid_t clock, const timespec* deadline) {
+  const int watched = g_watchedTid.load();
+  if (watched == 0 || watched != kernelTid()) {
+    return;
+  }
   timespec now;
-  VELMORA_REAL(clock_gettime)(CLOCK_REALTIME, &now);
+  VELMORA_REAL(clock_gettime)(clock, &now);
   std::lock_guard<std::mutex> lock(g_waitsMutex);
-  g_waits.push_back(realtimeSeconds(*deadline) - realtimeSeconds(now));
+  g_waits.push_back(TimedWait{clock, seconds(*deadline) - seconds(now)});
   g_waitsCond.notify_all();
 }
 
@@ -63,7 +68,7 @@ void watchTimedWaits(int tid) {
   g_watchedTid.store(tid);
 }
 
-std::vector<double> waitForTimedWaits(size_t count, std::chrono::milliseconds timeout) {
+std::vector<TimedWait> waitForTimedWaits(size_t count, std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(g_waitsMutex);
   g_waitsCond.wait_for(lock, timeout, [&] { return g_waits.size() >= count; });
   return g_waits;
@@ -115,10 +120,13 @@ VELMORA_TEST_INTERPOSER int pthread_cond_signal(pthread_cond_t* cond) {
 
 VELMORA_TEST_INTERPOSER int pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
                                                    const timespec* deadline) {
-  const int watched = velmora::testing::g_watchedTid.load();
-  if (watched != 0 && watched == velmora::testing::kernelTid()) {
-    velmora::testing::recordTimedWait(deadline);
-  }
+  velmora::testing::recordTimedWait(CLOCK_REALTIME, deadline);
   return VELMORA_REAL(pthread_cond_timedwait)(cond, mutex, deadline);
+}
+
+VELMORA_TEST_INTERPOSER int pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                                                   clockid_t clock, const timespec* deadline) {
+  velmora::testing::recordTimedWait(clock, deadline);
+  return VELMORA_REAL(pthread_cond_clockwait)(cond, mutex, clock, deadline);
 }
 }

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <time.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -360,10 +363,36 @@ TEST_F(TimerThreadTest, IdleWorkerWaitsAtMostOneSecondAtATime) {
   velmora::testing::watchTimedWaits(thread.threadId());
   const auto waits = velmora::testing::waitForTimedWaits(3, std::chrono::seconds(10));
   ASSERT_GE(waits.size(), 3u);
-  for (double interval : waits) {
-    EXPECT_LE(interval, 1.0 + 1e-3);
-    EXPECT_GT(interval, 0.5);
+  for (const velmora::testing::TimedWait& wait : waits) {
+    EXPECT_LE(wait.interval, 1.0 + 1e-3);
+    EXPECT_GT(wait.interval, 0.5);
   }
+}
+
+// A step of the wall clock must not stretch a wait: every deadline is on the monotonic clock,
+// the clock of the due times, both while the queue is empty and while a task is pending.
+TEST_F(TimerThreadTest, WaitsTakeTheirDeadlineOnTheMonotonicClock) {
+  TimerThread thread;
+  Latch ran;
+  thread.postTask(dueTask(monotonicNow(), [&] { ran.countDown(); }));
+  ASSERT_TRUE(ran.wait());
+  velmora::testing::watchTimedWaits(thread.threadId());
+  const auto idle = velmora::testing::waitForTimedWaits(1, std::chrono::seconds(10));
+  ASSERT_FALSE(idle.empty());
+  Latch pending;
+  thread.postTask(dueTask(monotonicNow() + 0.3, [&] { pending.countDown(); }));
+  ASSERT_TRUE(pending.wait());
+  const auto waits = velmora::testing::waitForTimedWaits(2, std::chrono::seconds(10));
+  ASSERT_GE(waits.size(), 2u);
+  for (const velmora::testing::TimedWait& wait : waits) {
+    EXPECT_EQ(wait.clock, CLOCK_MONOTONIC);
+    EXPECT_GT(wait.interval, 0.0);
+    EXPECT_LE(wait.interval, 1.0 + 1e-3);
+  }
+  // The wait for the pending task asked for the time to its due time, not the idle second.
+  EXPECT_TRUE(std::any_of(waits.begin() + 1, waits.end(), [](const velmora::testing::TimedWait& w) {
+    return w.interval <= 0.3 + 1e-3;
+  }));
 }
 
 TEST_F(TimerThreadTest, TaskPoppedEarlyIsPutBackAndRunsOnceWhenDue) {
@@ -499,6 +528,24 @@ TEST_F(TimerThreadTest, StopJoinsTheWorkerAndALaterPostStartsANewOne) {
   EXPECT_EQ(velmora::testing::pthreadCreateCalls(), 2);
   EXPECT_EQ(thread.threadId(), tids.values()[0]);
   EXPECT_TRUE(velmora::testing::threadExists(thread.threadId()));
+}
+
+TEST_F(TimerThreadTest, StartOnARunningThreadReplacesTheWorkerAndJoinsTheOldOne) {
+  TimerThread thread;
+  Latch first;
+  thread.postTask(dueTask(monotonicNow(), [&] { first.countDown(); }));
+  ASSERT_TRUE(first.wait());
+  const int replaced = thread.threadId();
+  thread.start();
+  EXPECT_TRUE(velmora::testing::threadEndsWithin(replaced));
+  EXPECT_TRUE(LoggedOnce(kCritical, line(343, "run", "Exiting Timer Thread...\n")));
+  Recorder tids;
+  thread.postTask(dueTask(monotonicNow(), [&] { tids.add(velmora::testing::gettid()); }));
+  ASSERT_TRUE(tids.waitForSize(1));
+  EXPECT_NE(tids.values()[0], replaced);
+  EXPECT_EQ(thread.threadId(), tids.values()[0]);
+  EXPECT_EQ(velmora::testing::pthreadCreateCalls(), 2);
+  EXPECT_EQ(LogCapture::count(kVerbose, trace(34, kStart)), 2u);
 }
 
 TEST_F(TimerThreadTest, StopKeepsQueuedTasksForTheNextWorker) {

@@ -1,6 +1,7 @@
 // The process-wide pool of named timer threads and workers.
 #include "base/timer/timer_thread_pool.h"
 
+#include <new>
 #include <utility>
 
 #include "base/logging.h"
@@ -21,6 +22,24 @@ constexpr int kNoLoad = 99999;
 
 bool isThread(const TimerThread& thread) {
   return thread.threadId() == currentThread();
+}
+
+// Appends a new worker and posts the task to it; called with the pool's mutex held. An
+// allocation failure on the way leaves the workers as they were, so that the next post creates
+// the worker again; a thread that cannot be created leaves the worker in the pool without a
+// thread, as the runtime_error it throws says.
+void postToNewWorker(std::vector<std::shared_ptr<TimerThread>>& workers,
+                     std::shared_ptr<TimerTaskBase> task) {
+  workers.reserve(workers.size() + 1);
+  VELMORA_LOG_FULL("B-LOG", kLogCritical, 158, "postWorkerTask", "Crate Worker Thread: %d\n",
+                   static_cast<int>(workers.size()));
+  workers.push_back(std::make_shared<TimerThread>());
+  try {
+    workers.back()->postTask(std::move(task));
+  } catch (const std::bad_alloc&) {
+    workers.pop_back();
+    throw;
+  }
 }
 
 }  // namespace
@@ -80,10 +99,7 @@ void TimerThreadPool::postToWorker(std::shared_ptr<TimerTaskBase> task) {
   }
   const int count = static_cast<int>(workers_.size());
   if (count < maxWorkers_.load(std::memory_order_relaxed)) {
-    VELMORA_LOG_FULL("B-LOG", kLogCritical, 158, "postWorkerTask", "Crate Worker Thread: %d\n",
-                     count);
-    workers_.push_back(std::make_shared<TimerThread>());
-    workers_.back()->postTask(std::move(task));
+    postToNewWorker(workers_, std::move(task));
     return;
   }
   VELMORA_LOG_FULL("B-LOG", kLogInfo, 166, "postWorkerTask", "Worker Count: %d\n", count);

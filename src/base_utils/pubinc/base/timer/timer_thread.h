@@ -14,8 +14,11 @@
 ///   taskCount) until it reaches the front, where it is dropped. Cancels do not wake the worker.
 /// - If the worker cannot be created, the first post throws std::runtime_error("Thread
 ///   initialization failed") and every later post only queues its task, which then never runs.
+///   A failed allocation (std::bad_alloc) leaves the thread as it was: the next post tries again.
 /// - stop() (and the destructor) ends and joins the worker; pending tasks are kept, and a later
 ///   post starts a new worker. Destroying the thread releases pending tasks without running them.
+/// - At most one worker runs the loop at any moment: a worker started by a post that races with
+///   stop() begins only once the stopped one has left its loop (the post does not wait for it).
 /// - The run() loop and its steps are public for the worker's sake; callers only post, cancel and
 ///   query.
 ///
@@ -67,6 +70,8 @@ class BasicThread {
 
   /// Where pthread_create stores the thread's handle.
   pthread_t* handle() { return &handle_; }
+  /// The object whose loop the thread runs.
+  Owner* owner() const { return owner_; }
 
  private:
   Owner* owner_;
@@ -84,7 +89,8 @@ class VELMORA_BASE_EXPORT TimerThread {
  public:
   /// An empty queue and no worker; the worker starts with the first post.
   TimerThread();
-  /// Stops and joins the worker; pending tasks are released without running.
+  /// Stops and joins the worker; pending tasks are released without running. Other threads must
+  /// have stopped posting and returned from stop() first.
   ~TimerThread();
 
   /// Not copyable: the worker holds the address.
@@ -93,11 +99,13 @@ class VELMORA_BASE_EXPORT TimerThread {
   TimerThread& operator=(const TimerThread&) = delete;
 
   /// Creates the worker; throws std::runtime_error("Thread initialization failed") on failure.
-  /// Normally called by the first postTask, not by callers.
+  /// A worker already running is replaced: it is told to end and joined, and the new one begins
+  /// once it has left. Normally called by the first postTask, not by callers.
   void start();
   /// Ends the worker's loop and joins it; queued tasks stay queued and a later post starts a
-  /// new worker. Logs `"Wakeup worker\n"` (level 5000, line 49) when a worker existed. Called
-  /// from a task body on the worker itself, the join fails and is ignored.
+  /// new worker. Logs `"Wakeup worker\n"` (level 5000, line 49) when a worker existed. Waits
+  /// for the task the worker is running. Called from a task body on the worker itself, it cannot
+  /// join: the worker ends after that task and releases itself.
   void stop();
 
   /// Queues the task behind every task due at the same time or earlier and wakes the worker.
@@ -145,8 +153,8 @@ class VELMORA_BASE_EXPORT TimerThread {
   /// One timed wait for a post or stop. Returns at once when stopping, logging
   /// `"Request Exit before wait.\n"` (level 3000, line 240), and for a cancelled or due front
   /// task; otherwise after min(time to the front task, seconds) at the latest. The deadline is
-  /// taken on the realtime clock, so a wall-clock change lengthens or shortens one wait; the
-  /// loop corrects it. A lock failure throws std::system_error.
+  /// taken on the monotonic clock, so a step of the wall clock does not change the wait. A lock
+  /// failure throws std::system_error.
   void waitNextTaskWithTimeOut(double seconds);
   /// Removes and returns the front task (empty when the queue is empty).
   std::shared_ptr<TimerTaskBase> popFirstTask();

@@ -87,7 +87,8 @@ class VELMORA_BASE_EXPORT TimerThreadPool {
   ///   `"No worker threads available. ignore task.\n"` (level 1000, line 168).
   ///
   /// If a new worker cannot be started, std::runtime_error("Thread initialization failed")
-  /// passes through and the worker stays in the pool.
+  /// passes through and the worker stays in the pool. A failed allocation (std::bad_alloc)
+  /// leaves the pool and its workers as they were: the next post tries again.
   static void postWorkerTask(std::shared_ptr<TimerTaskBase> task);
 
  private:
