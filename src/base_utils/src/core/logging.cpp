@@ -121,6 +121,9 @@ void print_hbbtv_controller_log(unsigned int level_index, const char* tag, const
 
 void dump_memory(const char* title, const unsigned char* data, int length) {
   constexpr unsigned int kDumpLevelIndex = 4;
+  if (data == nullptr && length > 0) {
+    return;
+  }
   struct timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
   const unsigned int id = static_cast<unsigned int>(now.tv_nsec);
