@@ -2,7 +2,7 @@
 /// Checked POSIX mutex and condition-variable wrappers and the scoped lock AutoLock.
 ///
 /// Every failing POSIX call becomes a std::runtime_error whose text is a fixed prefix followed by
-/// strerror(errno). AutoLock catches such an error from lock or unlock, logs it at level 1000 and
+/// strerror(errno), with errno set to the error the pthread call returned. AutoLock catches such an error from lock or unlock, logs it at level 1000 and
 /// carries on as if the lock had been taken, so a guarded scope is never left by that exception.
 /// ConditionVariable errors are thrown to the caller. AutoLock works on Mutex and std::mutex:
 ///
@@ -40,6 +40,14 @@ inline std::string primitiveErrorText(const char* prefix) {
   return text.str();
 }
 
+/// The text of a failed pthread call. Those calls return their error and leave errno as it was,
+/// so errno is set to the returned error first: the text names the real reason, and errno holds
+/// it for the caller as well.
+inline std::string pthreadErrorText(const char* prefix, int result) {
+  errno = result;
+  return primitiveErrorText(prefix);
+}
+
 }  // namespace internal
 
 /// A default (non-recursive, non-checking) POSIX mutex. Not copyable.
@@ -47,8 +55,9 @@ class Mutex {
  public:
   /// Throws std::runtime_error("Mutex init error: ...") when the mutex cannot be initialised.
   Mutex() {
-    if (pthread_mutex_init(&mutex_, nullptr) != 0) {
-      throw std::runtime_error(internal::primitiveErrorText("Mutex init error: "));
+    const int result = pthread_mutex_init(&mutex_, nullptr);
+    if (result != 0) {
+      throw std::runtime_error(internal::pthreadErrorText("Mutex init error: ", result));
     }
   }
   ~Mutex() { pthread_mutex_destroy(&mutex_); }
@@ -58,15 +67,17 @@ class Mutex {
 
   /// Throws std::runtime_error("Mutex lock error: ...") on failure.
   void lock() {
-    if (pthread_mutex_lock(&mutex_) != 0) {
-      throw std::runtime_error(internal::primitiveErrorText("Mutex lock error: "));
+    const int result = pthread_mutex_lock(&mutex_);
+    if (result != 0) {
+      throw std::runtime_error(internal::pthreadErrorText("Mutex lock error: ", result));
     }
   }
 
   /// Throws std::runtime_error("Mutex unlock error: ...") on failure.
   void unlock() {
-    if (pthread_mutex_unlock(&mutex_) != 0) {
-      throw std::runtime_error(internal::primitiveErrorText("Mutex unlock error: "));
+    const int result = pthread_mutex_unlock(&mutex_);
+    if (result != 0) {
+      throw std::runtime_error(internal::pthreadErrorText("Mutex unlock error: ", result));
     }
   }
 
@@ -83,8 +94,10 @@ class ConditionVariable {
  public:
   /// Throws std::runtime_error("ConditionVariable init error: ...") on failure.
   ConditionVariable() {
-    if (pthread_cond_init(&cond_, nullptr) != 0) {
-      throw std::runtime_error(internal::primitiveErrorText("ConditionVariable init error: "));
+    const int result = pthread_cond_init(&cond_, nullptr);
+    if (result != 0) {
+      throw std::runtime_error(
+          internal::pthreadErrorText("ConditionVariable init error: ", result));
     }
   }
   ~ConditionVariable() { pthread_cond_destroy(&cond_); }
@@ -94,9 +107,10 @@ class ConditionVariable {
 
   /// Throws std::runtime_error("ConditionVariable notify_one error: ...") on failure.
   void notify_one() {
-    if (pthread_cond_signal(&cond_) != 0) {
+    const int result = pthread_cond_signal(&cond_);
+    if (result != 0) {
       throw std::runtime_error(
-          internal::primitiveErrorText("ConditionVariable notify_one error: "));
+          internal::pthreadErrorText("ConditionVariable notify_one error: ", result));
     }
   }
 

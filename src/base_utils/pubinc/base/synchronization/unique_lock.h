@@ -63,8 +63,10 @@ inline void ConditionVariable::wait(UniqueLock& lock) {
   if (lock.mutex() == nullptr) {
     throw std::runtime_error(internal::primitiveErrorText("ConditionVariable wait error: "));
   }
-  if (pthread_cond_wait(&cond_, lock.mutex()->native()) != 0) {
-    throw std::runtime_error(internal::primitiveErrorText("ConditionVariable cond_wait error: "));
+  const int result = pthread_cond_wait(&cond_, lock.mutex()->native());
+  if (result != 0) {
+    throw std::runtime_error(
+        internal::pthreadErrorText("ConditionVariable cond_wait error: ", result));
   }
 }
 
