@@ -2,9 +2,10 @@
 /// Checked POSIX mutex and condition-variable wrappers and the scoped lock AutoLock.
 ///
 /// Every failing POSIX call becomes a std::runtime_error whose text is a fixed prefix followed by
-/// strerror(errno), with errno set to the error the pthread call returned. AutoLock catches such an error from lock or unlock, logs it at level 1000 and
-/// carries on as if the lock had been taken, so a guarded scope is never left by that exception.
-/// ConditionVariable errors are thrown to the caller. AutoLock works on Mutex and std::mutex:
+/// strerror(errno), with errno set to the error the pthread call returned. AutoLock catches such an
+/// error from lock or unlock, logs it at level 1000 and carries on as if the lock had been taken,
+/// so a guarded scope is never left by that exception. ConditionVariable errors are thrown to the
+/// caller. AutoLock works on Mutex and std::mutex:
 ///
 ///   velmora::base::Mutex mutex;
 ///   {
@@ -19,10 +20,9 @@
 #include <errno.h>
 #include <pthread.h>
 
+#include <cstdio>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
-#include <string>
 
 #include "base/logging.h"
 
@@ -33,19 +33,31 @@ class UniqueLock;
 
 namespace internal {
 
-/// Builds the text of a primitive's failure: the prefix, then strerror of the current errno.
-inline std::string primitiveErrorText(const char* prefix) {
-  std::ostringstream text;
-  text << prefix << strerror(errno);
-  return text.str();
-}
+/// The failure of a checked primitive: a std::runtime_error whose text is the prefix followed by
+/// strerror(errno). The text is kept inside the object, so that reporting a failure never needs
+/// the heap: with memory exhausted, a text built on the heap would come out cut short, or its
+/// std::bad_alloc would escape a scoped lock, from its destructor ending the process.
+class PrimitiveError : public std::runtime_error {
+ public:
+  /// The prefix (ending in ": ") and strerror of the current errno.
+  explicit PrimitiveError(const char* prefix) : std::runtime_error("") {
+    snprintf(text_, sizeof(text_), "%s%s", prefix, strerror(errno));
+  }
 
-/// The text of a failed pthread call. Those calls return their error and leave errno as it was,
-/// so errno is set to the returned error first: the text names the real reason, and errno holds
-/// it for the caller as well.
-inline std::string pthreadErrorText(const char* prefix, int result) {
+  /// The prefix and the strerror text.
+  const char* what() const noexcept override { return text_; }
+
+ private:
+  // The longest prefix and the longest strerror text fit with room to spare.
+  char text_[128];
+};
+
+/// Throws the failure of a pthread call. Those calls return their error and leave errno as it
+/// was, so errno is set to the returned error first: the text names the real reason, and errno
+/// holds it for the caller as well.
+[[noreturn]] inline void throwPthreadError(const char* prefix, int result) {
   errno = result;
-  return primitiveErrorText(prefix);
+  throw PrimitiveError(prefix);
 }
 
 }  // namespace internal
@@ -57,7 +69,7 @@ class Mutex {
   Mutex() {
     const int result = pthread_mutex_init(&mutex_, nullptr);
     if (result != 0) {
-      throw std::runtime_error(internal::pthreadErrorText("Mutex init error: ", result));
+      internal::throwPthreadError("Mutex init error: ", result);
     }
   }
   ~Mutex() { pthread_mutex_destroy(&mutex_); }
@@ -69,7 +81,7 @@ class Mutex {
   void lock() {
     const int result = pthread_mutex_lock(&mutex_);
     if (result != 0) {
-      throw std::runtime_error(internal::pthreadErrorText("Mutex lock error: ", result));
+      internal::throwPthreadError("Mutex lock error: ", result);
     }
   }
 
@@ -77,7 +89,7 @@ class Mutex {
   void unlock() {
     const int result = pthread_mutex_unlock(&mutex_);
     if (result != 0) {
-      throw std::runtime_error(internal::pthreadErrorText("Mutex unlock error: ", result));
+      internal::throwPthreadError("Mutex unlock error: ", result);
     }
   }
 
@@ -96,8 +108,7 @@ class ConditionVariable {
   ConditionVariable() {
     const int result = pthread_cond_init(&cond_, nullptr);
     if (result != 0) {
-      throw std::runtime_error(
-          internal::pthreadErrorText("ConditionVariable init error: ", result));
+      internal::throwPthreadError("ConditionVariable init error: ", result);
     }
   }
   ~ConditionVariable() { pthread_cond_destroy(&cond_); }
@@ -109,8 +120,7 @@ class ConditionVariable {
   void notify_one() {
     const int result = pthread_cond_signal(&cond_);
     if (result != 0) {
-      throw std::runtime_error(
-          internal::pthreadErrorText("ConditionVariable notify_one error: ", result));
+      internal::throwPthreadError("ConditionVariable notify_one error: ", result);
     }
   }
 
