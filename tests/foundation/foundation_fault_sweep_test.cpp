@@ -1,7 +1,8 @@
 // Allocation and thread-creation faults in the foundation: the log entry points, the tracer and
-// the boot identifier never allocate and write every wanted line under any fault; a singleton whose
-// creation fails leaves the first caller with the exception and the word at the creation marker;
-// the checked locks report their failures with their exact texts whatever the heap does.
+// the boot identifier never allocate and write every wanted line under any fault; dbg_location
+// either throws std::bad_alloc or returns its exact text; a singleton whose creation fails leaves
+// the first caller with the exception and the word at the creation marker; the checked locks
+// report their failures with their exact texts whatever the heap does.
 #include <errno.h>
 #include <pthread.h>
 
@@ -272,6 +273,39 @@ TEST(LoggingFaultSweep, BootIdIsComputedOnceAndNeverAllocates) {
       });
 }
 
+TEST(LoggingFaultSweep, DbgLocationThrowsOrReturnsItsExactText) {
+  const std::string file(40, 'f');  // longer than a short string's inline room
+  const auto report = sweepFaults(FaultKind::kAllocation, [&](FaultRun& run) {
+    std::string location = "unset";
+    const bool threw = run.throws<std::bad_alloc>(
+        [&] { location = dbg_location(file.c_str(), 1234, "a_function_name"); });
+    EXPECT_EQ(threw, run.injected());
+    const std::string expected = file + ":1234:a_function_name():";
+    EXPECT_EQ(location, threw ? "unset" : expected);
+    EXPECT_EQ(dbg_location(file.c_str(), 1234, "a_function_name"), expected);
+  });
+  EXPECT_GT(report.points, 0);
+}
+
+TEST(LoggingFaultSweep, DbgLocationWithNullArgumentsThrowsOrReturnsItsExactText) {
+  const std::string file(40, 'f');
+  const auto report = sweepFaults(FaultKind::kAllocation, [&](FaultRun& run) {
+    std::string without_function = "unset";
+    std::string without_file = "unset";
+    const bool threw = run.throws<std::bad_alloc>([&] {
+      without_function = dbg_location(file.c_str(), 12, nullptr);
+      without_file = dbg_location(nullptr, 12, "g");
+    });
+    EXPECT_EQ(threw, run.injected());
+    if (!threw) {
+      EXPECT_EQ(without_function, file + ":12:");
+      EXPECT_EQ(without_file, "");
+    }
+    EXPECT_EQ(dbg_location(file.c_str(), 12, nullptr), file + ":12:");
+  });
+  EXPECT_GT(report.points, 0);
+}
+
 TEST(LoggingFaultSweep, NoEntryPointCreatesAThread) {
   sweepNeverFailing(
       FaultKind::kThreadCreation,
@@ -281,6 +315,7 @@ TEST(LoggingFaultSweep, NoEntryPointCreatesAThread) {
         dump_memory("t", data, 1);
         velmora::base::FunctionTracer tracer("f", "a.cpp", 1);
         velmora::base::bootID();
+        dbg_location("a.cpp", 1, "f");
       },
       [] { EXPECT_EQ(LogCapture::entries().size(), 11u); });
 }

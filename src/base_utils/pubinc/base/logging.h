@@ -49,6 +49,7 @@ VELMORA_BASE_EXPORT void dump_memory(const char* title, const unsigned char* dat
 /// Returns "file:line:function():". A null file gives "", a null function gives "file:line:".
 /// Exported under this C++ name and under the plain name dbg_location as well, for callers that
 /// declare it with C linkage.
+/// Throws std::bad_alloc when memory runs out: the text is never returned cut short.
 VELMORA_BASE_EXPORT std::string dbg_location(const char* file, int line, const char* function);
 
 namespace velmora {

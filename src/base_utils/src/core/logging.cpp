@@ -147,7 +147,17 @@ VELMORA_BASE_EXPORT std::string dbgLocation(const char* file, int line,
 
 std::string dbgLocation(const char* file, int line, const char* function) {
   std::ostringstream stream;
-  stream << file << ":" << line << ":" << function << "():";
+  // A stream swallows a failure of its own allocations and skips the rest of the text; with
+  // badbit among its exceptions, std::bad_alloc reaches the caller instead of a text cut short.
+  // A null argument ends the text where a stream put into its bad state by it would.
+  stream.exceptions(std::ios::badbit);
+  if (file == nullptr) {
+    return std::string();
+  }
+  stream << file << ":" << line << ":";
+  if (function != nullptr) {
+    stream << function << "():";
+  }
   return stream.str();
 }
 
