@@ -176,6 +176,15 @@ TEST(Md5Test, ZeroLengthUpdatesChangeNothing) {
   EXPECT_EQ(md5.finalize().hexDigest(), "900150983cd24fb0d6963f7d28e17f72");
 }
 
+TEST(Md5Test, NullInputOfAnyLengthIsRefusedAndAbsorbsNothing) {
+  MD5 md5;
+  md5.update("ab", 2);
+  md5.update(static_cast<const unsigned char*>(nullptr), 64);
+  md5.update(static_cast<const char*>(nullptr), 3);
+  md5.update("c", 1);
+  EXPECT_EQ(md5.finalize().hexDigest(), "900150983cd24fb0d6963f7d28e17f72");
+}
+
 // Whether the bytes of the object contain the pattern anywhere.
 bool objectHolds(const MD5& md5, const std::string& pattern) {
   static_assert(std::is_standard_layout<MD5>::value, "the object is plain bytes");

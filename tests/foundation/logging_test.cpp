@@ -217,6 +217,19 @@ TEST_F(LoggingTest, DumpOfNegativeLengthPrintsOnlyTheHeader) {
   EXPECT_EQ(texts().size(), 3u);
 }
 
+TEST_F(LoggingTest, DumpOfNullDataWithAPositiveLengthIsRefusedAndPrintsNothing) {
+  dump_memory("null", nullptr, 17);
+  EXPECT_TRUE(LogCapture::entries().empty());
+  EXPECT_EQ(LogCapture::checkCount(), 0u);
+}
+
+TEST_F(LoggingTest, DumpOfNullDataWithZeroLengthPrintsOnlyTheHeader) {
+  dump_memory("null", nullptr, 0);
+  const auto lines = texts();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[1].substr(16), "d):, null");
+}
+
 std::vector<std::string> dumpMessages() {
   std::vector<std::string> messages;
   const auto lines = texts();

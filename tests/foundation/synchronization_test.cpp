@@ -28,11 +28,19 @@ Fault g_cond_init;
 Fault g_cond_signal;
 Fault g_cond_wait;
 
-// pthread functions report their error as the result; errno is set too so the texts built from
-// it are predictable.
+// pthread functions report their error as the result and leave errno as it was; so do these.
 int failWith(int error) {
-  errno = error;
   return error;
+}
+
+// A value errno holds before a failing call, unlike any error the interposers return: a text
+// that names it names a stale reason.
+constexpr int kStaleErrno = ESRCH;
+
+// Makes the next call through fault fail, with errno holding the stale value until then.
+void failNextWithStaleErrno(Fault& fault) {
+  fault.failNext();
+  errno = kStaleErrno;
 }
 }  // namespace
 
@@ -121,12 +129,14 @@ TEST_F(SynchronizationTest, UniqueLockOnNullMutexLogsAndDoesNotThrow) {
 }
 
 TEST_F(SynchronizationTest, FailingMutexInitThrowsWithStrerrorText) {
-  g_mutex_init.failNext();
+  failNextWithStaleErrno(g_mutex_init);
   try {
     Mutex mutex;
     FAIL() << "no exception";
   } catch (const std::runtime_error& error) {
+    const int error_number = errno;
     EXPECT_EQ(std::string(error.what()), std::string("Mutex init error: ") + strerror(ENOMEM));
+    EXPECT_EQ(error_number, ENOMEM);
   }
 }
 
@@ -137,7 +147,7 @@ struct Guarded {
 };
 
 TEST_F(SynchronizationTest, FailingConditionInitThrowsAndOwnerConstructionFails) {
-  g_cond_init.failNext();
+  failNextWithStaleErrno(g_cond_init);
   try {
     Guarded guarded;
     FAIL() << "no exception";
@@ -149,7 +159,7 @@ TEST_F(SynchronizationTest, FailingConditionInitThrowsAndOwnerConstructionFails)
 
 TEST_F(SynchronizationTest, FailingLockInAutoLockIsLoggedAndTheScopeRuns) {
   Mutex mutex;
-  g_mutex_lock.failNext();
+  failNextWithStaleErrno(g_mutex_lock);
   bool scope_ran = false;
   {
     AutoLock<Mutex> lock(mutex);
@@ -166,7 +176,7 @@ TEST_F(SynchronizationTest, FailingUnlockInAutoLockIsLogged) {
   Mutex mutex;
   {
     AutoLock<Mutex> lock(mutex);
-    g_mutex_unlock.failNext();
+    failNextWithStaleErrno(g_mutex_unlock);
   }
   EXPECT_TRUE(LoggedOnce(1000, caughtLine("auto_lock.h", 44, "~AutoLock",
                                           std::string("Mutex unlock error: ") + strerror(EPERM))));
@@ -175,7 +185,7 @@ TEST_F(SynchronizationTest, FailingUnlockInAutoLockIsLogged) {
 
 TEST_F(SynchronizationTest, FailingStdMutexLockInAutoLockIsLogged) {
   std::mutex mutex;
-  g_mutex_lock.failNext();
+  failNextWithStaleErrno(g_mutex_lock);
   {
     AutoLock<std::mutex> lock(mutex);
     g_mutex_unlock_skipped.failNext();
@@ -187,7 +197,7 @@ TEST_F(SynchronizationTest, FailingStdMutexLockInAutoLockIsLogged) {
 
 TEST_F(SynchronizationTest, FailingLockInUniqueLockIsLogged) {
   Mutex mutex;
-  g_mutex_lock.failNext();
+  failNextWithStaleErrno(g_mutex_lock);
   EXPECT_NO_THROW({
     UniqueLock lock(&mutex);
     g_mutex_unlock_skipped.failNext();
@@ -201,7 +211,7 @@ TEST_F(SynchronizationTest, FailingUnlockInUniqueLockIsLogged) {
   Mutex mutex;
   {
     UniqueLock lock(&mutex);
-    g_mutex_unlock.failNext();
+    failNextWithStaleErrno(g_mutex_unlock);
   }
   EXPECT_TRUE(LoggedOnce(1000, caughtLine("unique_lock.h", 47, "~UniqueLock",
                                           std::string("Mutex unlock error: ") + strerror(EPERM))));
@@ -210,7 +220,7 @@ TEST_F(SynchronizationTest, FailingUnlockInUniqueLockIsLogged) {
 
 TEST_F(SynchronizationTest, FailingSignalThrowsAndTheLockStillUnlocks) {
   Guarded guarded;
-  g_cond_signal.failNext();
+  failNextWithStaleErrno(g_cond_signal);
   try {
     UniqueLock lock(&guarded.mutex);
     guarded.condition.notify_one();
@@ -225,7 +235,7 @@ TEST_F(SynchronizationTest, FailingSignalThrowsAndTheLockStillUnlocks) {
 
 TEST_F(SynchronizationTest, FailingWaitThrows) {
   Guarded guarded;
-  g_cond_wait.failNext();
+  failNextWithStaleErrno(g_cond_wait);
   UniqueLock lock(&guarded.mutex);
   try {
     guarded.condition.wait(lock);

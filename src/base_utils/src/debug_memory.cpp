@@ -7,9 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <string>
 
 #include "base/logging.h"
+
+// The shown line: "{bootID-time}[B-LOG] file:line:function(): ==title==\n text\n". A literal, so
+// that the compiler checks the arguments of both outputs against it.
+#define VELMORA_SHOWN_LINE_FORMAT "{%d-%f}[%s] %s:%d:%s(): ==%s==\n %s\n"
 
 namespace velmora {
 namespace base {
@@ -61,20 +64,6 @@ bool readText(const char* path, char* text) {
   return true;
 }
 
-// The shown line: "{bootID-time}[B-LOG] file:line:function(): ==title==\n text\n".
-std::string formatLine(int line, const char* function, const char* title, const char* text) {
-  const double now = monotonicSeconds();
-  const int boot_id = static_cast<int>(bootID());
-  const char* base_name = blog_base_name(__FILE__);
-  const auto format = [&](char* out, size_t size) {
-    return snprintf(out, size, "{%d-%f}[%s] %s:%d:%s(): ==%s==\n %s\n", boot_id, now, "B-LOG",
-                    base_name, line, function, title, text);
-  };
-  std::string result(static_cast<size_t>(format(nullptr, 0)), '\0');
-  format(&result[0], result.size() + 1);
-  return result;
-}
-
 }  // namespace
 
 bool debug_init() {
@@ -110,10 +99,16 @@ void showFileContents(const char* title, const char* path) {
   if (!readText(path, text)) {
     return;
   }
-  const std::string shown = formatLine(__LINE__, __func__, title, text);
-  printf("%s", shown.c_str());
+  // Both outputs are formatted straight from the values, without the heap: a memory report is
+  // wanted most when memory is short.
+  const int line = __LINE__;
+  const double now = monotonicSeconds();
+  const int boot_id = static_cast<int>(bootID());
+  const char* base_name = blog_base_name(__FILE__);
+  printf(VELMORA_SHOWN_LINE_FORMAT, boot_id, now, "B-LOG", base_name, line, __func__, title, text);
   if (internal::logWanted(kLogCritical)) {
-    vexDebugOutput0("%s", shown.c_str());
+    vexDebugOutput0(VELMORA_SHOWN_LINE_FORMAT, boot_id, now, "B-LOG", base_name, line, __func__,
+                    title, text);
   }
 }
 

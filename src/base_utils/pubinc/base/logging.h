@@ -41,12 +41,15 @@ VELMORA_BASE_EXPORT void print_hbbtv_controller_log(unsigned int level_index, co
 
 /// Hex dump at level index 4: a header "DUMPMEM(%08Xd):, title" and one line per 16 bytes, all
 /// tagged with the nanoseconds of the monotonic clock so interleaved dumps can be told apart.
+/// A length below 1 prints the header only. Null data with a positive length is refused: nothing
+/// is printed.
 VELMORA_BASE_EXPORT void dump_memory(const char* title, const unsigned char* data, int length);
 }
 
 /// Returns "file:line:function():". A null file gives "", a null function gives "file:line:".
 /// Exported under this C++ name and under the plain name dbg_location as well, for callers that
 /// declare it with C linkage.
+/// Throws std::bad_alloc when memory runs out: the text is never returned cut short.
 VELMORA_BASE_EXPORT std::string dbg_location(const char* file, int line, const char* function);
 
 namespace velmora {

@@ -121,6 +121,9 @@ void print_hbbtv_controller_log(unsigned int level_index, const char* tag, const
 
 void dump_memory(const char* title, const unsigned char* data, int length) {
   constexpr unsigned int kDumpLevelIndex = 4;
+  if (data == nullptr && length > 0) {
+    return;
+  }
   struct timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
   const unsigned int id = static_cast<unsigned int>(now.tv_nsec);
@@ -144,7 +147,17 @@ VELMORA_BASE_EXPORT std::string dbgLocation(const char* file, int line,
 
 std::string dbgLocation(const char* file, int line, const char* function) {
   std::ostringstream stream;
-  stream << file << ":" << line << ":" << function << "():";
+  // A stream swallows a failure of its own allocations and skips the rest of the text; with
+  // badbit among its exceptions, std::bad_alloc reaches the caller instead of a text cut short.
+  // A null argument ends the text where a stream put into its bad state by it would.
+  stream.exceptions(std::ios::badbit);
+  if (file == nullptr) {
+    return std::string();
+  }
+  stream << file << ":" << line << ":";
+  if (function != nullptr) {
+    stream << function << "():";
+  }
   return stream.str();
 }
 

@@ -118,6 +118,9 @@ void MD5::init() {
 }
 
 void MD5::update(const unsigned char* input, unsigned int length) {
+  if (input == nullptr) {
+    return;
+  }
   unsigned int index = (count[0] >> 3) % kBlockSize;
 
   const unsigned int added_bits = length << 3;

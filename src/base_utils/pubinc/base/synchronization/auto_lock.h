@@ -2,9 +2,10 @@
 /// Checked POSIX mutex and condition-variable wrappers and the scoped lock AutoLock.
 ///
 /// Every failing POSIX call becomes a std::runtime_error whose text is a fixed prefix followed by
-/// strerror(errno). AutoLock catches such an error from lock or unlock, logs it at level 1000 and
-/// carries on as if the lock had been taken, so a guarded scope is never left by that exception.
-/// ConditionVariable errors are thrown to the caller. AutoLock works on Mutex and std::mutex:
+/// strerror(errno), with errno set to the error the pthread call returned. AutoLock catches such an
+/// error from lock or unlock, logs it at level 1000 and carries on as if the lock had been taken,
+/// so a guarded scope is never left by that exception. ConditionVariable errors are thrown to the
+/// caller. AutoLock works on Mutex and std::mutex:
 ///
 ///   velmora::base::Mutex mutex;
 ///   {
@@ -19,10 +20,9 @@
 #include <errno.h>
 #include <pthread.h>
 
+#include <cstdio>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
-#include <string>
 
 #include "base/logging.h"
 
@@ -33,11 +33,31 @@ class UniqueLock;
 
 namespace internal {
 
-/// Builds the text of a primitive's failure: the prefix, then strerror of the current errno.
-inline std::string primitiveErrorText(const char* prefix) {
-  std::ostringstream text;
-  text << prefix << strerror(errno);
-  return text.str();
+/// The failure of a checked primitive: a std::runtime_error whose text is the prefix followed by
+/// strerror(errno). The text is kept inside the object, so that reporting a failure never needs
+/// the heap: with memory exhausted, a text built on the heap would come out cut short, or its
+/// std::bad_alloc would escape a scoped lock, from its destructor ending the process.
+class PrimitiveError : public std::runtime_error {
+ public:
+  /// The prefix (ending in ": ") and strerror of the current errno.
+  explicit PrimitiveError(const char* prefix) : std::runtime_error("") {
+    snprintf(text_, sizeof(text_), "%s%s", prefix, strerror(errno));
+  }
+
+  /// The prefix and the strerror text.
+  const char* what() const noexcept override { return text_; }
+
+ private:
+  // The longest prefix and the longest strerror text fit with room to spare.
+  char text_[128];
+};
+
+/// Throws the failure of a pthread call. Those calls return their error and leave errno as it
+/// was, so errno is set to the returned error first: the text names the real reason, and errno
+/// holds it for the caller as well.
+[[noreturn]] inline void throwPthreadError(const char* prefix, int result) {
+  errno = result;
+  throw PrimitiveError(prefix);
 }
 
 }  // namespace internal
@@ -47,8 +67,9 @@ class Mutex {
  public:
   /// Throws std::runtime_error("Mutex init error: ...") when the mutex cannot be initialised.
   Mutex() {
-    if (pthread_mutex_init(&mutex_, nullptr) != 0) {
-      throw std::runtime_error(internal::primitiveErrorText("Mutex init error: "));
+    const int result = pthread_mutex_init(&mutex_, nullptr);
+    if (result != 0) {
+      internal::throwPthreadError("Mutex init error: ", result);
     }
   }
   ~Mutex() { pthread_mutex_destroy(&mutex_); }
@@ -58,15 +79,17 @@ class Mutex {
 
   /// Throws std::runtime_error("Mutex lock error: ...") on failure.
   void lock() {
-    if (pthread_mutex_lock(&mutex_) != 0) {
-      throw std::runtime_error(internal::primitiveErrorText("Mutex lock error: "));
+    const int result = pthread_mutex_lock(&mutex_);
+    if (result != 0) {
+      internal::throwPthreadError("Mutex lock error: ", result);
     }
   }
 
   /// Throws std::runtime_error("Mutex unlock error: ...") on failure.
   void unlock() {
-    if (pthread_mutex_unlock(&mutex_) != 0) {
-      throw std::runtime_error(internal::primitiveErrorText("Mutex unlock error: "));
+    const int result = pthread_mutex_unlock(&mutex_);
+    if (result != 0) {
+      internal::throwPthreadError("Mutex unlock error: ", result);
     }
   }
 
@@ -83,8 +106,9 @@ class ConditionVariable {
  public:
   /// Throws std::runtime_error("ConditionVariable init error: ...") on failure.
   ConditionVariable() {
-    if (pthread_cond_init(&cond_, nullptr) != 0) {
-      throw std::runtime_error(internal::primitiveErrorText("ConditionVariable init error: "));
+    const int result = pthread_cond_init(&cond_, nullptr);
+    if (result != 0) {
+      internal::throwPthreadError("ConditionVariable init error: ", result);
     }
   }
   ~ConditionVariable() { pthread_cond_destroy(&cond_); }
@@ -94,9 +118,9 @@ class ConditionVariable {
 
   /// Throws std::runtime_error("ConditionVariable notify_one error: ...") on failure.
   void notify_one() {
-    if (pthread_cond_signal(&cond_) != 0) {
-      throw std::runtime_error(
-          internal::primitiveErrorText("ConditionVariable notify_one error: "));
+    const int result = pthread_cond_signal(&cond_);
+    if (result != 0) {
+      internal::throwPthreadError("ConditionVariable notify_one error: ", result);
     }
   }
 

@@ -23,7 +23,7 @@ class UniqueLock {
   explicit UniqueLock(Mutex* mutex) : mutex_(mutex) {
     try {
       if (mutex_ == nullptr) {
-        throw std::runtime_error(internal::primitiveErrorText("UniqueLock lock error: "));
+        throw internal::PrimitiveError("UniqueLock lock error: ");
       }
       mutex_->lock();
     } catch (const std::runtime_error& error) {
@@ -61,10 +61,11 @@ class UniqueLock {
 
 inline void ConditionVariable::wait(UniqueLock& lock) {
   if (lock.mutex() == nullptr) {
-    throw std::runtime_error(internal::primitiveErrorText("ConditionVariable wait error: "));
+    throw internal::PrimitiveError("ConditionVariable wait error: ");
   }
-  if (pthread_cond_wait(&cond_, lock.mutex()->native()) != 0) {
-    throw std::runtime_error(internal::primitiveErrorText("ConditionVariable cond_wait error: "));
+  const int result = pthread_cond_wait(&cond_, lock.mutex()->native());
+  if (result != 0) {
+    internal::throwPthreadError("ConditionVariable cond_wait error: ", result);
   }
 }
 

@@ -37,9 +37,10 @@ class VELMORA_BASE_EXPORT MD5 {
   /// Starts a new computation: not finalized, no input, the RFC's initial chaining values.
   void init();
   /// Absorbs length more bytes of input. After finalize() the input is still absorbed but no
-  /// longer changes the results (see the file's description).
+  /// longer changes the results (see the file's description). A null input is refused, whatever
+  /// the length: nothing is absorbed.
   void update(const unsigned char* input, unsigned int length);
-  /// The same for char data.
+  /// The same for char data (a null input refused the same way).
   void update(const char* input, unsigned int length);
   /// Pads, appends the bit count and computes the digest, then clears the buffered input and the
   /// count; does nothing when already finalized. Returns *this.
