@@ -31,6 +31,7 @@ using velmora::testing::LogCapture;
 using velmora::testing::noState;
 using velmora::testing::ScratchFolder;
 using velmora::testing::sweepAllocations;
+using velmora::testing::sweepAllocationsOf;
 
 const std::string kContent = "0123456789";
 
@@ -379,15 +380,15 @@ const std::vector<QuietOperation>& quietOperations() {
 
 TEST(FileFaultSweep, TransfersLocksAndQueriesAllocateNothing) {
   for (const QuietOperation& operation : quietOperations()) {
-    SCOPED_TRACE(operation.name);
-    printf("%s:\n", operation.name);
-    EXPECT_EQ(0, sweepAllocations([&](FaultRun& run) {
-                ScratchFolder folder;
-                writeFile(folder / "data", kContent);
-                File file(folder / "data", 0x1 | 0x20 | 0x40);
-                ASSERT_TRUE(file.IsValid());
-                operation.run(run, file, folder);
-              }));
+    EXPECT_EQ(0, sweepAllocationsOf(operation.name,
+                                    [&](FaultRun& run) {
+                                      ScratchFolder folder;
+                                      writeFile(folder / "data", kContent);
+                                      File file(folder / "data", 0x1 | 0x20 | 0x40);
+                                      ASSERT_TRUE(file.IsValid());
+                                      operation.run(run, file, folder);
+                                    }))
+        << operation.name;
   }
 }
 

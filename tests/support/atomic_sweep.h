@@ -72,6 +72,18 @@ inline long sweepAllocations(const std::function<void(FaultRun&)>& scenario) {
   return sweepFaults(FaultKind::kAllocation, scenario).points;
 }
 
+// sweepAllocations for one entry of a table of sweeps: a name is printed before the count and
+// attached to every failure of the sweep.
+inline long sweepAllocationsOf(const std::string& name,
+                               const std::function<void(FaultRun&)>& scenario) {
+  if (name.empty()) {
+    return sweepAllocations(scenario);
+  }
+  SCOPED_TRACE(name);
+  printf("%s:\n", name.c_str());
+  return sweepAllocations(scenario);
+}
+
 // A folder of its own for one run of a scenario, made before arming and removed with all it
 // holds at the end of the scenario (the end of the run's child process).
 class ScratchFolder {

@@ -19,7 +19,7 @@ using velmora::base::container::CommonValue;
 using velmora::base::container::Point;
 using velmora::testing::completesOrKeepsState;
 using velmora::testing::FaultRun;
-using velmora::testing::sweepAllocations;
+using velmora::testing::sweepAllocationsOf;
 
 using Values = std::vector<CommonValue>;
 
@@ -81,8 +81,8 @@ CommonValue intOverHiddenStorage() {
 // a failed run leaves the value as it was; the run that completes gives the result and leaves
 // the value as the same operation does before arming, on a twin. Returns the allocation points.
 template <typename Operation>
-long sweepOn(const CommonValue& subject, Operation operation) {
-  return sweepAllocations([&](FaultRun& run) {
+long sweepOn(const CommonValue& subject, Operation operation, const std::string& name = "") {
+  return sweepAllocationsOf(name, [&](FaultRun& run) {
     CommonValue twin;
     twin = subject;
     CommonValue value;
@@ -176,9 +176,10 @@ TEST(CommonValueFaultSweep, TextOfEveryOtherTag) {
   for (const Subject& subject : subjects) {
     SCOPED_TRACE(subject.name);
     printf("%s:\n", subject.name);
-    EXPECT_EQ(subject.allocates, sweepOn(subject.value, [](CommonValue& value) {
-                                   return value.convertToStringType();
-                                 }) > 0);
+    const long points = sweepOn(
+        subject.value, [](CommonValue& value) { return value.convertToStringType(); },
+        subject.name);
+    EXPECT_EQ(subject.allocates, points > 0) << subject.name;
   }
 }
 
@@ -273,9 +274,7 @@ TEST(CommonValueFaultSweep, ScalarOperationsAndMovesAllocateNothing) {
       converting<Point>("operator Point", CommonValue(Point{3, -4})),
   };
   for (const QuietOperation& quiet : operations) {
-    SCOPED_TRACE(quiet.name);
-    printf("%s:\n", quiet.name);
-    EXPECT_EQ(0, sweepOn(quiet.subject, quiet.operation));
+    EXPECT_EQ(0, sweepOn(quiet.subject, quiet.operation, quiet.name)) << quiet.name;
   }
 }
 
