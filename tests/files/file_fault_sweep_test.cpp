@@ -368,6 +368,17 @@ const std::vector<QuietOperation>& quietOperations() {
          EXPECT_EQ(File::FILE_ERROR_NO_SPACE, mapped);
          EXPECT_EQ(5, info.size);
        }},
+      {"DefaultAndErrorConstructors",
+       [](FaultRun& run, File&, const ScratchFolder&) {
+         std::optional<File> plain;
+         std::optional<File> failed;
+         run.armed([&] {
+           plain.emplace();
+           failed.emplace(File::FILE_ERROR_IO);
+         });
+         EXPECT_EQ("invalid error -1", fieldsOf(*plain));
+         EXPECT_EQ("invalid error -16", fieldsOf(*failed));
+       }},
       {"ErrorToStringOfAShortName",
        [](FaultRun& run, File&, const ScratchFolder&) {
          std::string text;

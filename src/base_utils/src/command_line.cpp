@@ -80,6 +80,7 @@ struct ParseScratch {
   std::map<std::string, std::string> values;
 };
 
+// The scratch for parsing argv with the options that shortToLong declares.
 ParseScratch scratchFor(const std::map<char, std::string>& shortToLong, int argc,
                         char* const* argv) {
   size_t longest = 0;
