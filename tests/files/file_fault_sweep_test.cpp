@@ -42,13 +42,14 @@ void writeFile(const std::string& path, const std::string& content) {
   close(fd);
 }
 
-// The names and sizes of the folder's entries, sorted: what an open may have changed.
+// The names and sizes of the folder's entries, sorted: what an open may have changed. (The 64-bit
+// calls: the 32-bit ones of a 32-bit process fail on a 64-bit kernel's large inode numbers.)
 std::string listing(const ScratchFolder& folder) {
   std::set<std::string> entries;
   DIR* dir = opendir(folder.path().c_str());
-  while (const dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
-    struct stat st;
-    if (entry->d_name[0] != '.' && stat((folder / entry->d_name).c_str(), &st) == 0) {
+  while (const dirent64* entry = dir != nullptr ? readdir64(dir) : nullptr) {
+    struct stat64 st;
+    if (entry->d_name[0] != '.' && stat64((folder / entry->d_name).c_str(), &st) == 0) {
       entries.insert(std::string(entry->d_name) + ":" + std::to_string(st.st_size));
     }
   }
@@ -190,7 +191,7 @@ double secondsOf(const struct timespec& time) {
 // Sweeps one file-time query of "data" (or of a missing path); expected picks the time the query
 // must give from stat's answer for "data" (-1.0 for the missing path).
 void sweepFileTime(double (*query)(std::string), const char* target,
-                   const std::function<double(const struct stat&)>& expected) {
+                   const std::function<double(const struct stat64&)>& expected) {
   EXPECT_GT(sweepAllocations([&](FaultRun& run) {
               ScratchFolder folder;
               writeFile(folder / "data", kContent);
@@ -199,8 +200,8 @@ void sweepFileTime(double (*query)(std::string), const char* target,
               const std::string path = folder / target;
               const double seconds =
                   completesOrKeepsState(run, noState, [&] { return query(path); });
-              struct stat st;
-              ASSERT_EQ(0, stat((folder / "data").c_str(), &st));
+              struct stat64 st;
+              ASSERT_EQ(0, stat64((folder / "data").c_str(), &st));
               EXPECT_EQ(expected(st), seconds);
             }),
             0);
@@ -208,22 +209,22 @@ void sweepFileTime(double (*query)(std::string), const char* target,
 
 TEST(FileFaultSweep, GetFileCreateTime) {
   sweepFileTime(velmora::base::utils::getFileCreateTime, "data",
-                [](const struct stat& st) { return secondsOf(st.st_ctim); });
+                [](const struct stat64& st) { return secondsOf(st.st_ctim); });
 }
 
 TEST(FileFaultSweep, GetFileAccessTime) {
   sweepFileTime(velmora::base::utils::getFileAccessTime, "data",
-                [](const struct stat& st) { return secondsOf(st.st_atim); });
+                [](const struct stat64& st) { return secondsOf(st.st_atim); });
 }
 
 TEST(FileFaultSweep, GetFileModifyTime) {
   sweepFileTime(velmora::base::utils::getFileModifyTime, "data",
-                [](const struct stat& st) { return secondsOf(st.st_mtim); });
+                [](const struct stat64& st) { return secondsOf(st.st_mtim); });
 }
 
 TEST(FileFaultSweep, FileTimesOfAMissingPath) {
   sweepFileTime(velmora::base::utils::getFileModifyTime, "missing",
-                [](const struct stat&) { return -1.0; });
+                [](const struct stat64&) { return -1.0; });
 }
 
 // One operation on a valid File opened read-write on "data" (kContent): it runs armed, and must
