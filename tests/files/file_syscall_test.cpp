@@ -487,6 +487,15 @@ TEST_F(FileSyscallTest, FailingFstatFailsGetLengthGetInfoAndTheFileTimes) {
   EXPECT_EQ(10, file.GetLength());
 }
 
+TEST_F(FileSyscallTest, GetInfoRefusesANullInfoWithoutCallingFstat) {
+  File file(file_, 0x21);
+  EXPECT_FALSE(file.GetInfo(nullptr));
+  EXPECT_EQ(0, g_fstat.calls.load());
+  File::Info info;
+  EXPECT_TRUE(file.GetInfo(&info));
+  EXPECT_EQ(10, info.size);
+}
+
 // ---------------------------------------------------------------- locks
 
 TEST_F(FileSyscallTest, LockIsRetriedAfterEintr) {

@@ -10,37 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "arguments.h"
 #include "log_capture.h"
 
 namespace {
 
 using velmora::base::utils::CommandLine;
+using velmora::testing::Arguments;
 using velmora::testing::LogCapture;
 using velmora::testing::LogCaptureTest;
-
-// argv as a process gets it: writable strings and a terminating null pointer.
-class Arguments {
- public:
-  Arguments(std::initializer_list<const char*> arguments) {
-    for (const char* argument : arguments) {
-      storage_.emplace_back(argument, argument + strlen(argument) + 1);
-    }
-    for (auto& text : storage_) {
-      pointers_.push_back(text.data());
-    }
-    pointers_.push_back(nullptr);
-  }
-  int argc() const { return static_cast<int>(storage_.size()); }
-  char** argv() { return pointers_.data(); }
-  // The string at position i as it now reads.
-  std::string at(size_t i) const { return storage_[i].data(); }
-  // The character at offset of the original string at position i.
-  char charAt(size_t i, size_t offset) const { return storage_[i][offset]; }
-
- private:
-  std::vector<std::vector<char>> storage_;
-  std::vector<char*> pointers_;
-};
 
 const char* const kHeader = "Usage: prog [options]\n";
 

@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -68,17 +70,23 @@ int hexDigits(T value, std::string& out, bool upper) {
     out.assign(1, digits[bits]);
     return 0;
   }
-  char reversed[sizeof(Unsigned) * 2];
-  size_t count = 0;
+  // The digits are laid out from the end of the buffer, then appended in one call, so that a
+  // failed allocation leaves out as it was.
+  char text[sizeof(Unsigned) * 2];
+  size_t first = sizeof(text);
   while (bits != 0) {
-    reversed[count++] = digits[bits & 0xF];
+    text[--first] = digits[bits & 0xF];
     bits = static_cast<Unsigned>(bits >> 4);
   }
-  while (count != 0) {
-    out.push_back(reversed[--count]);
-  }
+  out.append(text + first, sizeof(text) - first);
   return 0;
 }
+
+// closedir for a directory stream that a unique_ptr holds.
+struct DirectoryCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
 
 // Removes one entry of a folder being removed: folders recursively, regular files by unlink;
 // anything else, or an entry that cannot be stat'ed or deleted, is logged and left.
@@ -255,14 +263,16 @@ int rmDir(const char* path) {
     VELMORA_LOG(kLogError, "dirPath is NULL.\n\n");
     return -1;
   }
-  DIR* dir = opendir(path);
+  // Held so that an allocation failure below, which ends the removal with std::bad_alloc, still
+  // closes the stream of every level.
+  const DirectoryStream dir(opendir(path));
   if (dir == nullptr) {
     VELMORA_LOG(kLogError, "Fail to opendir('%s').\n\n", path);
     return -2;
   }
   // The 64-bit form: a 32-bit process on a 64-bit kernel cannot read entries whose directory
   // offsets do not fit the 32-bit form (readdir would stop there with EOVERFLOW).
-  while (const struct dirent64* entry = readdir64(dir)) {
+  while (const struct dirent64* entry = readdir64(dir.get())) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
       continue;
     }
@@ -273,10 +283,8 @@ int rmDir(const char* path) {
     const int error = errno;
     VELMORA_LOG(kLogError, "Fail to delete dir:'%s', error:(%d-'%s').\n\n", path, error,
                 strerror(error));
-    closedir(dir);
     return -3;
   }
-  closedir(dir);
   return 0;
 }
 
@@ -292,8 +300,9 @@ bool exactIniKeyValue(const std::string& line, std::string& key, std::string& va
   if (comment != std::string::npos) {
     foundValue.erase(comment);
   }
-  key = trim(foundKey);
-  value = trim(foundValue);
+  // Both are made before either is handed over, so that a failed allocation changes neither.
+  key.swap(trim(foundKey));
+  value.swap(trim(foundValue));
   return true;
 }
 
@@ -343,13 +352,18 @@ int separateStr(const std::string& s, const std::string& delims, std::vector<std
   if (match == std::string::npos) {
     return -1;
   }
+  // The fields are collected first and moved into out in one insertion, which either makes room
+  // for them all or throws before out changes: a failed allocation leaves out as it was.
+  std::vector<std::string> fields;
   size_t start = 0;
   while (match != std::string::npos) {
-    out.emplace_back(s, start, match - start);
+    fields.emplace_back(s, start, match - start);
     start = match + 1;
     match = s.find_first_of(delims, start);
   }
-  out.emplace_back(s, start);
+  fields.emplace_back(s, start);
+  out.insert(out.end(), std::make_move_iterator(fields.begin()),
+             std::make_move_iterator(fields.end()));
   return 0;
 }
 

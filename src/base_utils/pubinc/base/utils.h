@@ -2,6 +2,8 @@
 /// Free utility functions of the library: thread identity and the string, number and path helpers.
 /// They keep no state and take no lock; any thread may call them with arguments it does not share.
 /// Failures are answered by return values (and, where stated, a log line), never by exceptions.
+/// Only an allocation failure throws (std::bad_alloc), and it leaves the strings and vectors the
+/// caller passed in as they were (for rmDir, see there).
 ///
 ///     int port = 0;
 ///     if (velmora::base::dstoi(text, port) == 0) { ... }
@@ -98,6 +100,9 @@ VELMORA_BASE_EXPORT bool isPathExists(const char* path);
 /// Entries left are logged as `"Fail to get stat of path.error:(%d-'%s').\n\n"` and
 /// `"Fail to delete:'%s', error:(%d-'%s').\n\n"` (level 1000), and special files as
 /// `"name:'%s', MODE:%d, ISOTHER.\n\n"` (level 5000).
+///
+/// An allocation failure ends the removal with std::bad_alloc: what was removed until then stays
+/// removed, no directory stream is left open, and a later call removes the rest.
 VELMORA_BASE_EXPORT int rmDir(const char* path);
 
 /// Splits "key = value # comment" at its first '='. The value is cut at its first '#'; both are

@@ -232,8 +232,9 @@ CommonValue& CommonValue::operator=(double value) {
 }
 
 CommonValue& CommonValue::operator=(const std::string& value) {
-  m_type = kString;
+  // The copy first: if it cannot be allocated, the value keeps its tag as well as its text.
   m_string = value;
+  m_type = kString;
   return *this;
 }
 
@@ -376,6 +377,10 @@ CommonValue::operator std::vector<std::string>() const {
 
 std::string CommonValue::convertToStringType() const {
   std::ostringstream text;
+  // A stream swallows an exception thrown while it writes (its buffer failing to grow) and only
+  // marks itself bad, which would cut the text short without a word; with badbit in its
+  // exception mask it passes the original exception (std::bad_alloc) on instead.
+  text.exceptions(std::ios::badbit);
   switch (m_type) {
     case kNull:
       return "null";

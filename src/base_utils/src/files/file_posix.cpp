@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "base/logging.h"
@@ -128,6 +129,17 @@ int CallFcntlFlock(int fd, File::LockMode mode) {
   return mapped;
 }
 
+// A new holder cell for fd, which the File owns from this call on: when the cell cannot be
+// allocated, fd is closed before std::bad_alloc leaves, so that no descriptor is lost.
+int* holderOwning(int fd) {
+  try {
+    return new int(fd);
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+}
+
 File::Time timeOf(time_t seconds, long nanoseconds) {
   File::Time time;
   time.seconds = seconds;
@@ -170,7 +182,7 @@ File::File() : m_file(nullptr), m_error(FILE_ERROR_FAILED), m_created(false), m_
 File::File(int fd) : File(fd, false) {}
 
 File::File(int fd, bool async)
-    : m_file(new int(fd)), m_error(FILE_OK), m_created(false), m_async(async) {}
+    : m_file(holderOwning(fd)), m_error(FILE_OK), m_created(false), m_async(async) {}
 
 File::File(Error error) : m_file(nullptr), m_error(error), m_created(false), m_async(false) {}
 
@@ -205,6 +217,9 @@ void File::Initialize(const std::string& path, unsigned int flags) {
 }
 
 void File::DoInitialize(const std::string& path, unsigned int flags) {
+  // The holder cell comes first, before anything is opened, created, truncated or unlinked: a
+  // failed allocation then leaves this File and the file system as they were.
+  std::unique_ptr<int> holder(new int(-1));
   m_created = false;
   int mode = baseOpenMode(flags);
   if (!(flags & FILE_FLAG_OPEN_TRUNCATED) && mode == 0 &&
@@ -240,7 +255,8 @@ void File::DoInitialize(const std::string& path, unsigned int flags) {
   }
   m_async = (flags & FILE_FLAG_ASYNC) != 0;
   m_error = FILE_OK;
-  SetPlatformFile(new int(fd));
+  *holder = fd;
+  SetPlatformFile(holder.release());
 }
 
 bool File::IsValid() const {
@@ -379,7 +395,7 @@ int File::GetLength() {
 
 bool File::GetInfo(Info* info) {
   struct stat64 st;
-  if (!IsValid() || Fstat(*m_file, &st) != 0) {
+  if (info == nullptr || !IsValid() || Fstat(*m_file, &st) != 0) {
     return false;
   }
   info->FromStat(st);

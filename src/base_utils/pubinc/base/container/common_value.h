@@ -47,7 +47,10 @@ struct Point {
 };
 
 /// A tagged value with on-demand conversions; see the file's description. No operation reports
-/// an error: a mismatch gives the zero value of the target.
+/// an error: a mismatch gives the zero value of the target. Only an allocation failure throws
+/// (std::bad_alloc, from the operations on strings and arrays and the text forms): a setter or
+/// assignment that throws leaves the value as it was, and a text form throws rather than return
+/// a text cut short. The moves never throw.
 class VELMORA_BASE_EXPORT CommonValue {
  public:
   /// The tags type() returns; the values are part of the interface.
@@ -130,7 +133,7 @@ class VELMORA_BASE_EXPORT CommonValue {
   CommonValue& operator=(float value);
   /// Setter, tag 9.
   CommonValue& operator=(double value);
-  /// Setter, tag 10 (a copy of value).
+  /// Setter, tag 10 (a copy of value; the tag changes only once the copy is made).
   CommonValue& operator=(const std::string& value);
   /// Setter, tag 11.
   CommonValue& operator=(const Point& value);

@@ -27,6 +27,11 @@
 ///
 /// Single-threaded use at start-up: getopt_long's state, optarg and opterr are process-wide and
 /// Parse() writes into argv. Nothing is returned or thrown on bad input.
+///
+/// Only an allocation failure throws (std::bad_alloc). It leaves the object as it was: a
+/// declaration (AddOption, the seven of AddDefaultOptions together) takes effect whole or not at
+/// all, and Parse() allocates all it needs before it first calls getopt_long, so that argv and
+/// getopt_long's state are untouched too and a later Parse() parses everything.
 #ifndef VELMORA_BASE_UTILS_COMMAND_LINE_H
 #define VELMORA_BASE_UTILS_COMMAND_LINE_H
 
@@ -86,8 +91,8 @@ class VELMORA_BASE_EXPORT CommandLine {
   char** argv() const;
 
  private:
-  // Stores the value of the option with this letter and blanks it in argv (not exported).
-  __attribute__((visibility("hidden"))) void takeOption(int letter, int index);
+  // The seven AddOption calls of AddDefaultOptions (not exported).
+  __attribute__((visibility("hidden"))) void declareDefaults();
 
   int parsed_;
   int argc_;

@@ -48,9 +48,11 @@ namespace velmora {
 namespace base {
 namespace utils {
 
-/// The owner of one POSIX file descriptor; see the file's description. No operation throws:
-/// opening records its outcome in error(), transfers report -1 or a short count, bool
-/// operations false, and errno is left as the failing call set it.
+/// The owner of one POSIX file descriptor; see the file's description. No operation reports a
+/// failure by exception: opening records its outcome in error(), transfers report -1 or a short
+/// count, bool operations false, and errno is left as the failing call set it. Only an
+/// allocation failure throws (std::bad_alloc, from the constructors, Initialize and
+/// ErrorToString), and it loses no descriptor.
 class VELMORA_BASE_EXPORT File {
  public:
   /// The outcome of an open and the mapped form of errno values; ErrorToString gives the
@@ -134,13 +136,16 @@ class VELMORA_BASE_EXPORT File {
 
   /// No descriptor, error FILE_ERROR_FAILED.
   File();
-  /// Takes ownership of fd; error FILE_OK.
+  /// Takes ownership of fd; error FILE_OK. Ownership passes even when the holder cell cannot be
+  /// allocated: fd is then closed and std::bad_alloc thrown.
   explicit File(int fd);
-  /// Takes ownership of fd and records async; error FILE_OK.
+  /// Takes ownership of fd and records async; error FILE_OK. As File(int), fd is closed when
+  /// std::bad_alloc is thrown.
   File(int fd, bool async);
   /// No descriptor, the given error.
   explicit File(Error error);
-  /// Opens path with the open-mode bits of flags (see DoInitialize); check IsValid().
+  /// Opens path with the open-mode bits of flags (see DoInitialize); check IsValid(). May throw
+  /// std::bad_alloc, before anything is opened.
   File(const std::string& path, unsigned int flags);
   /// The moves take the other File's descriptor (leaving it without one) and its other fields;
   /// the assignment first closes this File's own descriptor. Self-assignment changes nothing.
@@ -167,6 +172,8 @@ class VELMORA_BASE_EXPORT File {
   /// - A failed open puts the mapped errno in error() and leaves the descriptor cell as it was
   ///   (none for a fresh File); a successful one forgets, without closing, a descriptor held
   ///   before.
+  /// - The holder cell is allocated first: std::bad_alloc leaves this File and the file system
+  ///   as they were (nothing opened, created, truncated or unlinked).
   void DoInitialize(const std::string& path, unsigned int flags);
 
   /// True while a descriptor is held.
@@ -220,7 +227,8 @@ class VELMORA_BASE_EXPORT File {
 
   /// The low 32 bits of the size; -1 without descriptor or when fstat fails.
   int GetLength();
-  /// fstat into info; false without descriptor or when fstat fails.
+  /// fstat into info; false without descriptor or when fstat fails. A null info is refused:
+  /// false, and nothing is done.
   bool GetInfo(Info* info);
 
   /// The outcome of the last open.
@@ -251,7 +259,8 @@ class VELMORA_BASE_EXPORT File {
 };
 
 /// A file's status-change time in seconds since the epoch (nanoseconds as the fraction); -1.0
-/// when the path cannot be opened for reading or fstat fails. Nothing is logged.
+/// when the path cannot be opened for reading or fstat fails. Nothing is logged. An allocation
+/// failure throws std::bad_alloc before the path is opened.
 VELMORA_BASE_EXPORT double getFileCreateTime(std::string path);
 /// The last access time, as getFileCreateTime.
 VELMORA_BASE_EXPORT double getFileAccessTime(std::string path);
