@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -352,8 +351,8 @@ int separateStr(const std::string& s, const std::string& delims, std::vector<std
   if (match == std::string::npos) {
     return -1;
   }
-  // The fields are collected first and moved into out in one insertion, which either makes room
-  // for them all or throws before out changes: a failed allocation leaves out as it was.
+  // The fields are collected first, and out makes room for them all before any is moved in: a
+  // failed allocation leaves out as it was, and the moves that follow cannot fail.
   std::vector<std::string> fields;
   size_t start = 0;
   while (match != std::string::npos) {
@@ -362,8 +361,10 @@ int separateStr(const std::string& s, const std::string& delims, std::vector<std
     match = s.find_first_of(delims, start);
   }
   fields.emplace_back(s, start);
-  out.insert(out.end(), std::make_move_iterator(fields.begin()),
-             std::make_move_iterator(fields.end()));
+  out.reserve(out.size() + fields.size());
+  for (std::string& field : fields) {
+    out.push_back(std::move(field));
+  }
   return 0;
 }
 
