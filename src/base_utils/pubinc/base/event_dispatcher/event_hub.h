@@ -150,10 +150,10 @@ class VELMORA_BASE_EXPORT EventHubImpl {
 /// description for the life of a hub and its deliberate behaviour.
 class VELMORA_BASE_EXPORT EventHub {
  public:
-  /// Creates the implementation; if memory runs out for it, logs `"Fail to create
-  /// EventHubImpl.\n"` (level 1000, line 260) and the hub refuses everything; if it runs out
-  /// inside the implementation or for its control block, std::bad_alloc. Does not register the hub
-  /// with the dispatcher; use evtdispch_register_hub for that.
+  /// Creates the implementation; if memory runs out for it, logs
+  /// `"Fail to create EventHubImpl.\n"` (level 1000, line 260) and the hub refuses everything; if
+  /// it runs out inside the implementation or for its control block, std::bad_alloc. Does not
+  /// register the hub with the dispatcher; use evtdispch_register_hub for that.
   explicit EventHub(int moduleId);
   /// Drops the implementation only: neither unregisters the hub nor stops its thread.
   ~EventHub();
