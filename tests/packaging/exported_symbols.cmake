@@ -1,13 +1,10 @@
 # Compares the demangled dynamic symbols that the library defines with the list kept in the
 # repository (one per line, sorted), or writes the list anew when UPDATE is set.
 #
-# Instantiations of standard-library templates (std::deque<our type>::..., their typeinfo and
-# vtables) are left out: every user of the same templates emits them as weak symbols, they are
-# not part of the library's interface, and which of them appear depends on the optimisation.
-# What counts is the entity's own name, without template arguments and without the return type
-# in front: a member of ours that converts to or returns a standard type (operator std::string,
-# std::vector<T> convertToVectorT<T>) is ours, a standard template returning a type of ours is
-# not.
+# The list is the whole dynamic symbol table: instantiations of standard-library templates that
+# the library uses (std::vector<our type>::reserve, their typeinfo and vtables) must not show up
+# there, since which of them the compiler emits changes with its inlining and the target; the
+# library's version script keeps them inside.
 execute_process(COMMAND ${NM} -D --defined-only -C ${LIBRARY}
   OUTPUT_VARIABLE nm_output RESULT_VARIABLE nm_result)
 if(NOT nm_result EQUAL 0)
@@ -19,19 +16,7 @@ set(symbols)
 foreach(line IN LISTS nm_lines)
   # "<address> <type> <name>": the name may hold blanks.
   if(line MATCHES "^[0-9a-fA-F]+ [A-Za-z] (.+)$")
-    set(name "${CMAKE_MATCH_1}")
-    string(REGEX REPLACE "^(typeinfo name for|typeinfo for|vtable for|VTT for|guard variable for) "
-      "" entity "${name}")
-    string(REGEX REPLACE "\\(.*$" "" entity "${entity}")
-    while(entity MATCHES "<[^<>]*>")
-      string(REGEX REPLACE "<[^<>]*>" "" entity "${entity}")
-    endwhile()
-    string(REGEX REPLACE "<.*$" "" entity "${entity}")
-    string(REGEX REPLACE "::operator .*$" "::operator" entity "${entity}")
-    string(REGEX REPLACE "^.* " "" entity "${entity}")
-    if(NOT entity MATCHES "^(std|__gnu_cxx)::")
-      list(APPEND symbols "${name}")
-    endif()
+    list(APPEND symbols "${CMAKE_MATCH_1}")
   endif()
 endforeach()
 list(REMOVE_DUPLICATES symbols)
