@@ -5,7 +5,6 @@
 // the events' interface names for that step: an empty event from createEvent, "Fail to create
 // EventHubImpl." from the constructor, "Fail to create EventHandlerThread." with the handler
 // registered all the same, the dispatcher's first creation leaving its accessor blocked.
-#include <dirent.h>
 
 #include <gtest/gtest.h>
 
@@ -39,6 +38,7 @@ using velmora::base::event_dispatcher::evtdispch_register_hub;
 using velmora::base::event_dispatcher::evtdispch_send_event;
 using velmora::base::event_dispatcher::evtdispch_unregister_hub;
 using velmora::base::event_dispatcher::kAnyModule;
+using velmora::testing::countFolderEntries;
 using velmora::testing::eventLine;
 using velmora::testing::FaultKind;
 using velmora::testing::FaultRun;
@@ -70,30 +70,9 @@ const std::string kNothingToStopLine = eventLine(
 const std::string kCreateDispatcherLine =
     eventLine("event_dispatcher.cpp", 74, "EventDispatcher", "Create EventDispatcher.\n");
 
-// Creates one thread in the parent before any sweep: the harness looks up the real
-// pthread_create at its first use, which allocates, and each child then inherits the answer
-// instead of counting that allocation as a fault point of the operation it sweeps.
-class ThreadCreationLookUp : public ::testing::Environment {
- public:
-  void SetUp() override {
-    std::thread([] {}).join();
-  }
-};
-const ::testing::Environment* const kThreadCreationLookUp =
-    ::testing::AddGlobalTestEnvironment(new ThreadCreationLookUp);
-
 // Threads of this process, as /proc/self/task lists them: a hub's handler thread is one.
 int threadCount() {
-  DIR* folder = opendir("/proc/self/task");
-  if (folder == nullptr) {
-    return -1;
-  }
-  int count = 0;
-  while (const dirent* entry = readdir(folder)) {
-    count += entry->d_name[0] == '.' ? 0 : 1;
-  }
-  closedir(folder);
-  return count;
+  return countFolderEntries("/proc/self/task");
 }
 
 // Whether the process comes to have that many threads within a few seconds. A joined thread can

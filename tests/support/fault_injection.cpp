@@ -326,8 +326,8 @@ long long liveHeapBytes() {
   return g_live_bytes.load();
 }
 
-int openDescriptorCount() {
-  DIR* folder = opendir("/proc/self/fd");
+int countFolderEntries(const char* path) {
+  DIR* folder = opendir(path);
   if (folder == nullptr) {
     return -1;
   }
@@ -336,7 +336,11 @@ int openDescriptorCount() {
     count += entry->d_name[0] == '.' ? 0 : 1;
   }
   closedir(folder);
-  return count - 1;  // the folder's own descriptor
+  return count;
+}
+
+int openDescriptorCount() {
+  return countFolderEntries("/proc/self/fd") - 1;  // the listing's own descriptor
 }
 
 SweepReport sweepFaults(FaultKind kind, const std::function<void(FaultRun&)>& scenario,

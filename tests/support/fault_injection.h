@@ -79,6 +79,9 @@ class RandomFaultScope {
 long long liveHeapBlocks();
 long long liveHeapBytes();
 
+// Entries of a folder other than "." and "..", or -1 when it cannot be listed.
+int countFolderEntries(const char* path);
+
 // Open descriptors of this process, as /proc/self/fd lists them.
 int openDescriptorCount();
 

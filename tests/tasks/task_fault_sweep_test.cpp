@@ -52,18 +52,6 @@ const char kStartTrace31[] =
 const char kStartTrace34[] =
     "[TRACE] timer_thread.cpp:34:void velmora::base::timer::TimerThread::start()\n";
 
-// The harness's pthread_create looks the real one up on its first call, building a string, and
-// an allocation failure there would end the program from inside pthread_create (declared not to
-// throw). One thread made before any sweep does that look-up unarmed, in every child too.
-class ThreadCreationWarmUp : public ::testing::Environment {
- public:
-  void SetUp() override {
-    std::thread([] {}).join();
-  }
-};
-::testing::Environment* const kThreadCreationWarmUp =
-    ::testing::AddGlobalTestEnvironment(new ThreadCreationWarmUp);
-
 std::string workerCreated(int index) {
   return "[B-LOG] timer_thread_pool.cpp:158:postWorkerTask(): Crate Worker Thread: " +
          std::to_string(index) + "\n";
